@@ -1,0 +1,41 @@
+# Small helpers that give every library, test and benchmark the same shape.
+#
+#   zel_cc_library(NAME zel_common ALIAS zel::common
+#                  SRCS a.cpp b.cpp  DEPS zel::other Boost::system)
+#   zel_cc_test(NAME logger_test SRCS logger_test.cpp DEPS zel::common)
+#   zel_cc_bench(NAME logger_bench SRCS logger_bench.cpp DEPS zel::common)
+#
+# Tests are registered with CTest under their NAME; LABELS lets CI pick a
+# subset (for instance "e2e" for the sandboxed end-to-end tests).
+
+function(zel_cc_library)
+  cmake_parse_arguments(ZEL "" "NAME;ALIAS" "SRCS;DEPS;PUBLIC_DEPS" ${ARGN})
+  add_library(${ZEL_NAME} STATIC ${ZEL_SRCS})
+  target_include_directories(${ZEL_NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${ZEL_NAME} PUBLIC ${ZEL_DEPS} ${ZEL_PUBLIC_DEPS})
+  if(ZEL_ALIAS)
+    add_library(${ZEL_ALIAS} ALIAS ${ZEL_NAME})
+  endif()
+endfunction()
+
+function(zel_cc_test)
+  cmake_parse_arguments(ZEL "" "NAME;TIMEOUT" "SRCS;DEPS;LABELS" ${ARGN})
+  add_executable(${ZEL_NAME} ${ZEL_SRCS})
+  target_include_directories(${ZEL_NAME} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${ZEL_NAME} PRIVATE ${ZEL_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
+  add_test(NAME ${ZEL_NAME} COMMAND ${ZEL_NAME})
+  if(NOT ZEL_TIMEOUT)
+    set(ZEL_TIMEOUT 120)
+  endif()
+  set_tests_properties(${ZEL_NAME} PROPERTIES TIMEOUT ${ZEL_TIMEOUT}
+    ENVIRONMENT "ZEL_TEST_SOURCE_DIR=${PROJECT_SOURCE_DIR};ZEL_TEST_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  if(ZEL_LABELS)
+    set_tests_properties(${ZEL_NAME} PROPERTIES LABELS "${ZEL_LABELS}")
+  endif()
+endfunction()
+
+function(zel_cc_bench)
+  cmake_parse_arguments(ZEL "" "NAME" "SRCS;DEPS" ${ARGN})
+  add_executable(${ZEL_NAME} ${ZEL_SRCS})
+  target_link_libraries(${ZEL_NAME} PRIVATE ${ZEL_DEPS} benchmark::benchmark)
+endfunction()

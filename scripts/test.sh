@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Configures, builds and runs the test suite.
+#
+#   scripts/test.sh               normal build (RelWithDebInfo) and all tests
+#   scripts/test.sh asan          ASan+UBSan build and all tests
+#   scripts/test.sh tsan          TSan build and all tests
+#   scripts/test.sh all           the three in turn
+#
+# Extra arguments after the preset go to ctest (for example -R logger).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+presets=("${1:-default}")
+shift || true
+if [ "${presets[0]}" = all ]; then presets=(default asan tsan); fi
+
+jobs=$(nproc)
+for preset in "${presets[@]}"; do
+  echo "== $preset: configure"
+  cmake --preset "$preset" >/dev/null
+  echo "== $preset: build"
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset: test"
+  ctest --preset "$preset" -j "$jobs" "$@"
+done
