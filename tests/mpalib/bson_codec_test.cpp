@@ -1,0 +1,524 @@
+// Low-level layer: wire bytes, growth, name and UTF-8 checks, readers, the
+// bounded walk over damaged input, and the fatal paths.
+#include "mpalib/bson_codec.h"
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "bson_test_util.h"
+#include "cpp/lib/common/logger_testing.h"
+#include "mpalib/bson_object.h"
+#include "mpalib/internal/bson_internal.h"
+
+namespace {
+
+using namespace bson_test;
+
+// Keeps the fatal path's log records out of the host's syslog.
+void DropSyslog(int, const char*) {}
+
+class BsonCodecTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    zel::log_testing::SetSyslogSinkForTest(&DropSyslog);
+    bson_init(&b_);
+  }
+  void TearDown() override {
+    bson_destroy(&b_);
+    bson_set_err_handler(nullptr);
+    zel::log_testing::SetSyslogSinkForTest(nullptr);
+  }
+  std::string Written() const { return std::string(b_.data, static_cast<size_t>(bson_size(&b_))); }
+
+  bson b_;
+};
+
+TEST_F(BsonCodecTest, FreshDocumentHasInitialSizeAndEmptyWireForm) {
+  EXPECT_EQ(b_.dataSize, 128);
+  EXPECT_EQ(b_.cur, b_.data + 4);
+  EXPECT_EQ(b_.finished, 0);
+  EXPECT_EQ(b_.err, 0);
+  ASSERT_EQ(bson_finish(&b_), BSON_OK);
+  EXPECT_EQ(Written(), Doc(""));
+  EXPECT_EQ(Written(), std::string("\x05\x00\x00\x00\x00", 5));
+}
+
+TEST_F(BsonCodecTest, AppendsWriteTheWireFormatByteByByte) {
+  const char bin[] = {1, 2, 3};
+  ASSERT_EQ(bson_append_int(&b_, "i", -2), BSON_OK);
+  ASSERT_EQ(bson_append_long(&b_, "l", 0x0102030405060708LL), BSON_OK);
+  ASSERT_EQ(bson_append_double(&b_, "d", 1.5), BSON_OK);
+  ASSERT_EQ(bson_append_bool(&b_, "t", 7), BSON_OK);
+  ASSERT_EQ(bson_append_bool(&b_, "f", 0), BSON_OK);
+  ASSERT_EQ(bson_append_string(&b_, "s", "h\xC3\xA9"), BSON_OK);
+  ASSERT_EQ(bson_append_binary(&b_, "b", BSON_BIN_GENERIC, bin, 3), BSON_OK);
+  ASSERT_EQ(bson_append_binary(&b_, "o", BSON_BIN_LEGACY, bin, 3), BSON_OK);
+  bson sub;
+  bson_init(&sub);
+  ASSERT_EQ(bson_append_int(&sub, "x", 1), BSON_OK);
+  ASSERT_EQ(bson_finish(&sub), BSON_OK);
+  ASSERT_EQ(bson_append_bson(&b_, "e", &sub), BSON_OK);
+  bson_destroy(&sub);
+  ASSERT_EQ(bson_finish(&b_), BSON_OK);
+
+  const std::string expected =
+      std::string("\x5E\x00\x00\x00", 4) +                                   // total 94
+      std::string("\x10i\x00\xFE\xFF\xFF\xFF", 7) +                          // int32 -2
+      std::string("\x12l\x00\x08\x07\x06\x05\x04\x03\x02\x01", 11) +         // int64
+      std::string("\x01" "d\x00\x00\x00\x00\x00\x00\x00\xF8\x3F", 11) +      // double 1.5
+      std::string("\x08t\x00\x01", 4) + std::string("\x08" "f\x00\x00", 4) + // bools
+      std::string("\x02s\x00\x04\x00\x00\x00h\xC3\xA9\x00", 11) +            // string
+      std::string("\x05" "b\x00\x03\x00\x00\x00\x00\x01\x02\x03", 11) +      // binary 0
+      std::string("\x05o\x00\x07\x00\x00\x00\x02\x03\x00\x00\x00\x01\x02\x03", 15) +  // legacy
+      std::string("\x03" "e\x00\x0C\x00\x00\x00\x10x\x00\x01\x00\x00\x00\x00", 15) +  // doc
+      std::string("\x00", 1);
+  EXPECT_EQ(Written(), expected);
+  EXPECT_EQ(static_cast<size_t>(bson_size(&b_)), expected.size());
+}
+
+TEST_F(BsonCodecTest, GrowsByHalfOfSizePlusNeedAndKeepsContent) {
+  const std::string big(200, 'v');
+  ASSERT_EQ(bson_append_int(&b_, "n", 5), BSON_OK);
+  ASSERT_EQ(bson_append_string(&b_, "big", big.c_str()), BSON_OK);
+  // needed = 4 + 201 value bytes + 3 name bytes + 2
+  EXPECT_EQ(b_.dataSize, (128 + 210) * 3 / 2);
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(bson_append_string(&b_, "k", big.c_str()), BSON_OK);
+  ASSERT_EQ(bson_finish(&b_), BSON_OK);
+  std::string elems = Elem(16, "n", Le32(5)) + Elem(2, "big", Str(big));
+  for (int i = 0; i < 50; ++i) elems += Elem(2, "k", Str(big));
+  EXPECT_EQ(Written(), Doc(elems));
+  EXPECT_GE(b_.dataSize, bson_size(&b_));
+}
+
+TEST(BsonGrowSizeTest, FollowsTheGrowthRuleUpToTheLargestSize) {
+  int size = 0;
+  ASSERT_EQ(bson_grow_size(128, 10, &size), BSON_OK);
+  EXPECT_EQ(size, 207);  // 1.5 x 138
+  ASSERT_EQ(bson_grow_size(1431655765, 0, &size), BSON_OK);
+  EXPECT_EQ(size, INT32_MAX);  // 2147483647.5 cut
+  ASSERT_EQ(bson_grow_size(2000000000, 100, &size), BSON_OK);
+  EXPECT_EQ(size, INT32_MAX);  // overflow is capped
+  size = -7;
+  EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 100, &size), BSON_ERROR);
+  EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 101, &size), BSON_ERROR);
+  EXPECT_EQ(size, -7);
+}
+
+TEST_F(BsonCodecTest, SizeOverflowSetsFlagAndWritesNothing) {
+  const char byte = 0;  // never read: the room check fails first
+  ASSERT_EQ(bson_append_int(&b_, "a", 1), BSON_OK);
+  const int before = bson_size(&b_);
+  EXPECT_EQ(bson_append_binary(&b_, "b", BSON_BIN_GENERIC, &byte, INT32_MAX - 8), BSON_ERROR);
+  EXPECT_EQ(b_.err, BSON_ERR_SIZE_OVERFLOW);
+  EXPECT_EQ(bson_size(&b_), before);
+  EXPECT_EQ(bson_finish(&b_), BSON_OK);
+  EXPECT_EQ(Written(), Doc(Elem(16, "a", Le32(1))));
+}
+
+std::vector<std::string> g_hookCalls;
+void RecordHook(const char* msg) { g_hookCalls.push_back(msg); }
+
+TEST_F(BsonCodecTest, NameChecksSetFlagsAndOnlyBadUtf8Refuses) {
+  g_hookCalls.clear();
+  bson_set_err_handler(&RecordHook);
+  EXPECT_EQ(bson_append_int(&b_, "a.b", 1), BSON_OK);
+  EXPECT_EQ(b_.err, BSON_ERR_NAME_HAS_DOT);
+  EXPECT_EQ(bson_append_int(&b_, "$ref", 1), BSON_OK);
+  EXPECT_EQ(bson_append_int(&b_, "$id", 1), BSON_OK);
+  EXPECT_EQ(bson_append_int(&b_, "$db", 1), BSON_OK);
+  EXPECT_EQ(b_.err, BSON_ERR_NAME_HAS_DOT);
+  EXPECT_EQ(bson_append_int(&b_, "$set", 1), BSON_OK);
+  EXPECT_EQ(b_.err, BSON_ERR_NAME_HAS_DOT | BSON_ERR_NAME_HAS_DOLLAR);
+  EXPECT_TRUE(g_hookCalls.empty());
+
+  const int before = bson_size(&b_);
+  EXPECT_EQ(bson_append_int(&b_, "bad\xC3", 1), BSON_ERROR);
+  EXPECT_EQ(bson_size(&b_), before);
+  EXPECT_TRUE(b_.err & BSON_ERR_NOT_UTF8);
+  EXPECT_EQ(g_hookCalls, std::vector<std::string>{"BSON error."});
+  EXPECT_EQ(bson_finish(&b_), BSON_ERROR);  // only flag 2 stops finish
+  EXPECT_EQ(b_.finished, 0);
+}
+
+TEST_F(BsonCodecTest, DotAndDollarNamesStillFinish) {
+  ASSERT_EQ(bson_append_int(&b_, "a.b", 1), BSON_OK);
+  ASSERT_EQ(bson_append_int(&b_, "$x", 2), BSON_OK);
+  ASSERT_EQ(bson_finish(&b_), BSON_OK);
+  EXPECT_EQ(Written(), Doc(Elem(16, "a.b", Le32(1)) + Elem(16, "$x", Le32(2))));
+}
+
+TEST_F(BsonCodecTest, InvalidUtf8StringValueWritesNothing) {
+  const int before = bson_size(&b_);
+  EXPECT_EQ(bson_append_string(&b_, "s", "\xE2\x82"), BSON_ERROR);
+  EXPECT_EQ(b_.err, BSON_ERR_NOT_UTF8);
+  EXPECT_EQ(bson_size(&b_), before);
+  EXPECT_EQ(bson_append_string(&b_, "s.$", "ok"), BSON_OK);  // flags of names only
+  EXPECT_EQ(b_.err, BSON_ERR_NOT_UTF8 | BSON_ERR_NAME_HAS_DOT);
+}
+
+TEST(BsonUtf8Test, AcceptsWellFormedAndRejectsMalformedSequences) {
+  const char* valid[] = {"", "plain", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xE2\x82\xAC",
+                         "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "a\xC3\xA9z"};
+  for (const char* s : valid) {
+    EXPECT_TRUE(bson_valid_utf8(s, static_cast<int>(strlen(s)))) << s;
+  }
+  const char* invalid[] = {
+      "\x80",              // continuation as lead
+      "\xBF",              //
+      "\xC0\x80",          // overlong two-byte
+      "\xC1\xBF",          //
+      "\xE0\x80\x80",      // overlong three-byte
+      "\xE0\x9F\xBF",      //
+      "\xF0\x80\x80\x80",  // overlong four-byte
+      "\xF0\x8F\xBF\xBF",  //
+      "\xF4\x90\x80\x80",  // above U+10FFFF
+      "\xF5\x80\x80\x80",  // lead too high
+      "\xFF",              //
+      "\xC3\x28",          // bad continuation
+      "\xE2\x82\x28",      //
+      "\xE2\x82",          // sequence longer than the text
+      "\xF0\x90\x80",      //
+      "ok\xC3",            //
+  };
+  for (const char* s : invalid) {
+    EXPECT_FALSE(bson_valid_utf8(s, static_cast<int>(strlen(s)))) << testing::PrintToString(s);
+  }
+}
+
+TEST_F(BsonCodecTest, FinishedDocumentRefusesAppendsAndFinishesAgain) {
+  ASSERT_EQ(bson_finish(&b_), BSON_OK);
+  const std::string done = Written();
+  EXPECT_EQ(bson_append_int(&b_, "a", 1), BSON_ERROR);
+  EXPECT_EQ(bson_append_string(&b_, "s", "\xFF"), BSON_ERROR);
+  EXPECT_EQ(b_.err, BSON_ERR_FINISHED);
+  EXPECT_EQ(bson_finish(&b_), BSON_OK);
+  EXPECT_EQ(Written(), done);
+}
+
+// Every published element type, each with a value the readers must handle.
+std::string AllTypesDoc() {
+  return Doc(Elem(1, "dbl", LeDouble(-2.75)) + Elem(2, "str", Str("text")) +
+             Elem(3, "obj", Doc(Elem(16, "in", Le32(9)))) + Elem(4, "arr", Doc(Elem(2, "0", Str("x")))) +
+             Elem(5, "bin", Le32(2) + std::string("\x80\xAA\xBB", 3)) + Elem(6, "undef", "") +
+             Elem(7, "oid", std::string(12, 'o')) + Elem(8, "bool", std::string(1, '\1')) +
+             Elem(9, "date", Le64(1700000000000)) + Elem(10, "null", "") +
+             Elem(11, "re", std::string("^a\0i\0", 5)) + Elem(12, "dbp", Str("ns") + std::string(12, 'p')) +
+             Elem(13, "code", Str("f()")) + Elem(14, "sym", Str("symbol")) +
+             Elem(15, "cws", Le32(4 + 8 + 5) + Str("g()") + Doc("")) + Elem(16, "i32", Le32(-7)) +
+             Elem(17, "ts", Le64(42)) + Elem(18, "i64", Le64(int64_t{1} << 40)));
+}
+
+TEST(BsonIteratorTest, WalksEveryPublishedTypeInOrder) {
+  const std::string doc = AllTypesDoc();
+  bson_iterator it;
+  bson_iterator_from_buffer_n(&it, doc.data(), doc.size());
+  const char* keys[] = {"dbl", "str", "obj", "arr",  "bin", "undef", "oid", "bool", "date", "null",
+                        "re",  "dbp", "code", "sym", "cws", "i32",   "ts",  "i64"};
+  for (int type = 1; type <= 18; ++type) {
+    ASSERT_EQ(bson_iterator_next(&it), type);
+    EXPECT_STREQ(bson_iterator_key(&it), keys[type - 1]);
+  }
+  EXPECT_EQ(bson_iterator_next(&it), BSON_ELEM_EOO);
+  EXPECT_EQ(bson_iterator_next(&it), BSON_ELEM_EOO);
+  EXPECT_STREQ(bson_iterator_key(&it), "");
+  EXPECT_FALSE(bson_iterator_corrupt(&it));
+}
+
+// Steps `it` to the element named `key`.
+bool Find(bson_iterator* it, const std::string& doc, const char* key) {
+  bson_iterator_from_buffer(it, doc.data());
+  while (bson_iterator_next(it) != BSON_ELEM_EOO) {
+    if (std::string(bson_iterator_key(it)) == key) return true;
+  }
+  return false;
+}
+
+TEST(BsonIteratorTest, NumberReadersConvertAcrossNumericTypesOnly) {
+  const std::string doc = Doc(AllTypesDoc().substr(4, AllTypesDoc().size() - 5) +
+                              Elem(1, "nan", LeDouble(NAN)) + Elem(1, "huge", LeDouble(1e300)) +
+                              Elem(18, "wide", Le64(0x100000005LL)) + Elem(1, "zero", LeDouble(0.0)) +
+                              Elem(16, "izero", Le32(0)) + Elem(8, "false", std::string(1, '\0')));
+  bson_iterator it;
+  ASSERT_TRUE(Find(&it, doc, "dbl"));
+  EXPECT_EQ(bson_iterator_int(&it), -2);
+  EXPECT_EQ(bson_iterator_long(&it), -2);
+  EXPECT_EQ(bson_iterator_double(&it), -2.75);
+  ASSERT_TRUE(Find(&it, doc, "i32"));
+  EXPECT_EQ(bson_iterator_long(&it), -7);
+  EXPECT_EQ(bson_iterator_double(&it), -7.0);
+  ASSERT_TRUE(Find(&it, doc, "i64"));
+  EXPECT_EQ(bson_iterator_double(&it), 1099511627776.0);
+  ASSERT_TRUE(Find(&it, doc, "wide"));
+  EXPECT_EQ(bson_iterator_int(&it), 5);  // low 32 bits
+  ASSERT_TRUE(Find(&it, doc, "nan"));
+  EXPECT_EQ(bson_iterator_int(&it), 0);
+  EXPECT_EQ(bson_iterator_long(&it), 0);
+  ASSERT_TRUE(Find(&it, doc, "huge"));
+  EXPECT_EQ(bson_iterator_int(&it), INT32_MAX);
+  EXPECT_EQ(bson_iterator_long(&it), INT64_MAX);
+  for (const char* other : {"str", "bool", "date", "ts", "null", "obj"}) {
+    ASSERT_TRUE(Find(&it, doc, other));
+    EXPECT_EQ(bson_iterator_int(&it), 0) << other;
+    EXPECT_EQ(bson_iterator_long(&it), 0) << other;
+    EXPECT_EQ(bson_iterator_double(&it), 0.0) << other;
+  }
+}
+
+TEST(BsonIteratorTest, BoolReaderTreatsOnlyEndNullAndZeroAsFalse) {
+  const std::string base = AllTypesDoc();
+  const std::string doc = Doc(base.substr(4, base.size() - 5) + Elem(1, "zero", LeDouble(0.0)) +
+                              Elem(16, "izero", Le32(0)) + Elem(18, "lzero", Le64(0)) +
+                              Elem(8, "false", std::string(1, '\0')));
+  bson_iterator it;
+  for (const char* f : {"null", "zero", "izero", "lzero", "false"}) {
+    ASSERT_TRUE(Find(&it, doc, f));
+    EXPECT_EQ(bson_iterator_bool(&it), 0) << f;
+  }
+  for (const char* t : {"dbl", "i32", "i64", "bool", "str", "undef", "oid", "date", "re", "ts"}) {
+    ASSERT_TRUE(Find(&it, doc, t));
+    EXPECT_EQ(bson_iterator_bool(&it), 1) << t;
+  }
+  bson_iterator_next(&it);
+  while (bson_iterator_next(&it) != BSON_ELEM_EOO) {
+  }
+  EXPECT_EQ(bson_iterator_bool(&it), 0);  // at the end
+}
+
+TEST(BsonIteratorTest, StringReaderServesStringAndSymbolOnly) {
+  const std::string doc = AllTypesDoc();
+  bson_iterator it;
+  ASSERT_TRUE(Find(&it, doc, "str"));
+  EXPECT_STREQ(bson_iterator_string(&it), "text");
+  EXPECT_EQ(bson_iterator_string_len(&it), 4);
+  EXPECT_GE(bson_iterator_string(&it), doc.data());  // in place, not a copy
+  EXPECT_LT(bson_iterator_string(&it), doc.data() + doc.size());
+  ASSERT_TRUE(Find(&it, doc, "sym"));
+  EXPECT_STREQ(bson_iterator_string(&it), "symbol");
+  for (const char* other : {"code", "i32", "bin", "dbp"}) {
+    ASSERT_TRUE(Find(&it, doc, other));
+    EXPECT_STREQ(bson_iterator_string(&it), "") << other;
+    EXPECT_EQ(bson_iterator_string_len(&it), 0) << other;
+  }
+}
+
+TEST(BsonIteratorTest, LegacyBinarySkipsItsInnerLength) {
+  const std::string doc = Doc(Elem(5, "old", Le32(7) + "\x02" + Le32(3) + "xyz") +
+                              Elem(5, "new", Le32(3) + std::string(1, '\0') + "abc"));
+  bson_iterator it;
+  ASSERT_TRUE(Find(&it, doc, "old"));
+  EXPECT_EQ(bson_iterator_bin_type(&it), BSON_BIN_LEGACY);
+  EXPECT_EQ(bson_iterator_bin_len(&it), 3);
+  EXPECT_EQ(std::string(bson_iterator_bin_data(&it), 3), "xyz");
+  ASSERT_TRUE(Find(&it, doc, "new"));
+  EXPECT_EQ(bson_iterator_bin_type(&it), BSON_BIN_GENERIC);
+  EXPECT_EQ(bson_iterator_bin_len(&it), 3);
+  EXPECT_EQ(std::string(bson_iterator_bin_data(&it), 3), "abc");
+}
+
+TEST(BsonIteratorTest, SubobjectIsWrappedInPlaceAndNotOwned) {
+  const std::string doc = AllTypesDoc();
+  bson_iterator it;
+  bson sub;
+  ASSERT_TRUE(Find(&it, doc, "str"));
+  EXPECT_EQ(bson_iterator_subobject(&it, &sub), BSON_ERROR);
+  ASSERT_TRUE(Find(&it, doc, "obj"));
+  ASSERT_EQ(bson_iterator_subobject(&it, &sub), BSON_OK);
+  EXPECT_EQ(sub.data, bson_iterator_value(&it));
+  EXPECT_EQ(sub.finished, 1);
+  EXPECT_EQ(sub.dataSize, 0);
+  EXPECT_EQ(bson_size(&sub), 13);
+  EXPECT_EQ(bson_append_int(&sub, "no", 1), BSON_ERROR);
+  bson_iterator inner;
+  bson_iterator_init(&inner, &sub);
+  ASSERT_EQ(bson_iterator_next(&inner), BSON_ELEM_INT);
+  EXPECT_EQ(bson_iterator_int(&inner), 9);
+  bson_destroy(&sub);  // leaves the parent's bytes alone (ASan would see a bad free)
+}
+
+// ---- Damaged input --------------------------------------------------------
+
+// Walks a document the way a consumer does: every element, every reader, and
+// every sub-document. Returns whether the walk ended on corrupt bytes.
+bool WalkEverything(bson_iterator* it, int depth = 0) {
+  while (bson_iterator_next(it) != BSON_ELEM_EOO) {
+    volatile size_t sink = strlen(bson_iterator_key(it));
+    sink += static_cast<size_t>(bson_iterator_int(it) + bson_iterator_long(it));
+    sink += static_cast<size_t>(bson_iterator_double(it) != 0) + bson_iterator_bool(it);
+    sink += strlen(bson_iterator_string(it));
+    const int binLen = bson_iterator_bin_len(it);
+    if (binLen > 0) sink += static_cast<unsigned char>(bson_iterator_bin_data(it)[binLen - 1]);
+    bson sub;
+    if (depth < 4 && bson_iterator_subobject(it, &sub) == BSON_OK) {
+      bson_iterator inner;
+      bson_iterator_init(&inner, &sub);
+      WalkEverything(&inner, depth + 1);
+    }
+    (void)sink;
+  }
+  return bson_iterator_corrupt(it) != 0;
+}
+
+struct UnknownType {};
+[[noreturn]] void ThrowOnFatal(const char*) { throw UnknownType(); }
+
+// Walks an exact-size heap copy so that ASan sees any read past the end.
+// Returns -1 when the walk reached the fatal unknown-type path.
+int WalkCopy(const std::string& bytes, bool bounded) {
+  std::unique_ptr<char[]> copy(new char[bytes.size()]);
+  memcpy(copy.get(), bytes.data(), bytes.size());
+  try {
+    bson_iterator it;
+    if (bounded) {
+      bson_iterator_from_buffer_n(&it, copy.get(), bytes.size());
+    } else {
+      bson_iterator_from_buffer(&it, copy.get());
+    }
+    return WalkEverything(&it) ? 1 : 0;
+  } catch (const UnknownType&) {
+    return -1;
+  }
+}
+
+class BsonDamageTest : public ::testing::Test {
+ protected:
+  void SetUp() override { bson_set_err_handler(&ThrowOnFatal); }
+  void TearDown() override { bson_set_err_handler(nullptr); }
+};
+
+TEST_F(BsonDamageTest, EveryTruncationIsCorruptAndStaysInBounds) {
+  const std::string doc = AllTypesDoc();
+  ASSERT_EQ(WalkCopy(doc, true), 0);
+  for (size_t len = 0; len < doc.size(); ++len) {
+    const std::string cut = doc.substr(0, len);
+    if (len >= 4) {
+      EXPECT_EQ(WalkCopy(cut, true), 1) << "cut at " << len;
+      // The same prefix with its length field rewritten to match.
+      std::string relabelled = cut;
+      relabelled.replace(0, 4, Le32(static_cast<int32_t>(len)));
+      EXPECT_EQ(WalkCopy(relabelled, false), 1) << "relabelled at " << len;
+    } else {
+      std::string padded = cut + std::string(4 - len, '\0');
+      EXPECT_EQ(WalkCopy(padded, true), 1);
+    }
+  }
+}
+
+TEST_F(BsonDamageTest, EveryByteFlipIsWalkedWithoutReadingOutside) {
+  const std::string doc = AllTypesDoc();
+  const unsigned char masks[] = {0x01, 0x02, 0x10, 0x40, 0x80, 0xFF};
+  int corrupt = 0, fatal = 0;
+  for (size_t pos = 0; pos < doc.size(); ++pos) {
+    for (unsigned char mask : masks) {
+      std::string bad = doc;
+      bad[pos] = static_cast<char>(bad[pos] ^ mask);
+      const int bounded = WalkCopy(bad, true);
+      // Bounded or not, the same bytes give the same verdict when the length
+      // field is intact; a damaged length field is caught by the bounded walk.
+      if (pos >= 4) {
+        EXPECT_EQ(WalkCopy(bad, false), bounded) << pos;
+      }
+      corrupt += bounded == 1;
+      fatal += bounded == -1;
+    }
+  }
+  EXPECT_GT(corrupt, 0);
+  EXPECT_GT(fatal, 0);  // flipped type bytes above 18 take the fatal path
+}
+
+TEST_F(BsonDamageTest, LengthFieldsThatLieAreCorrupt) {
+  const std::string inner = Elem(3, "o", Le32(100) + std::string(1, '\0'));
+  const std::string cases[] = {
+      Doc(Elem(2, "s", Le32(50) + "ab" + std::string(1, '\0'))),       // string past the end
+      Doc(Elem(2, "s", Le32(0) + std::string(1, '\0'))),                // string without room for NUL
+      Doc(Elem(2, "s", Le32(3) + "abc")),                               // string not NUL-terminated
+      Doc(Elem(2, "s", Le32(-5) + "ab" + std::string(1, '\0'))),        // negative
+      Doc(Elem(5, "b", Le32(-1) + std::string(1, '\0'))),               // negative binary
+      Doc(Elem(5, "b", Le32(2) + "\x02" + "ab")),                       // legacy without inner length
+      Doc(inner),                                                       // sub-document past the end
+      Doc(Elem(3, "o", Le32(4) + std::string(1, '\0'))),                // sub-document too short
+      Doc(Elem(16, "i", "ab")),                                         // value cut
+      Doc(Elem(11, "re", "abc")),                                       // pattern without options
+      Le32(7) + std::string("\x0Ak\x00", 3),                            // no closing NUL
+      Doc(Elem(16, "i", Le32(1))).replace(0, 4, Le32(3)),               // length below 5
+      Doc(Elem(16, "i", Le32(1)) + std::string(1, '\0') + "junk"),      // bytes after an early end
+  };
+  for (const std::string& c : cases) {
+    EXPECT_EQ(WalkCopy(c, true), 1) << testing::PrintToString(c);
+  }
+}
+
+TEST_F(BsonDamageTest, UnfinishedDocumentReadsAsCorrupt) {
+  bson b;
+  bson_init(&b);
+  bson_append_int(&b, "a", 1);
+  bson_iterator it;
+  bson_iterator_init(&it, &b);
+  EXPECT_EQ(bson_iterator_next(&it), BSON_ELEM_EOO);
+  EXPECT_TRUE(bson_iterator_corrupt(&it));
+  bson_destroy(&b);
+}
+
+// ---- Fatal paths ----------------------------------------------------------
+
+void* FailingMalloc(size_t) { return nullptr; }
+void* FailingRealloc(void*, size_t) { return nullptr; }
+
+// The child echoes its log records to standard error next to the line the
+// codec writes there itself, so both can be matched.
+void EchoLogToStderr() {
+  zel::log_testing::SetSyslogSinkForTest(&DropSyslog);
+  zel::log_testing::SetConsoleEchoForTest(stderr);
+}
+
+void HookToStderr(const char* msg) { fprintf(stderr, "hook saw <%s>\n", msg); }
+
+class BsonFatalDeathTest : public ::testing::Test {
+ protected:
+  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(BsonFatalDeathTest, MallocFailureExitsWithMinusFive) {
+  EXPECT_EXIT(
+      {
+        EchoLogToStderr();
+        bson_set_allocators_ForTest(&FailingMalloc, nullptr);
+        bson b;
+        bson_init(&b);
+      },
+      testing::ExitedWithCode(256 - 5), "error: malloc\\(\\) failed\n(.|\n)*mpalib.*error: malloc\\(\\) failed");
+}
+
+TEST_F(BsonFatalDeathTest, ReallocFailureExitsWithMinusFive) {
+  EXPECT_EXIT(
+      {
+        EchoLogToStderr();
+        bson_set_allocators_ForTest(nullptr, &FailingRealloc);
+        ZelMpa::BSON doc;
+        const std::string big(200, 'x');
+        doc.appendString("big", big.c_str());
+      },
+      testing::ExitedWithCode(256 - 5), "error: realloc\\(\\) failed\n");
+}
+
+TEST_F(BsonFatalDeathTest, UnknownElementTypeExitsAfterCallingTheHook) {
+  const std::string doc = Doc(Elem(16, "ok", Le32(1)) + Elem(19, "dec", std::string(16, '\0')));
+  EXPECT_EXIT(
+      {
+        EchoLogToStderr();
+        bson_set_err_handler(&HookToStderr);
+        bson_iterator it;
+        bson_iterator_from_buffer(&it, doc.data());
+        bson_iterator_next(&it);
+        bson_iterator_next(&it);
+      },
+      testing::ExitedWithCode(256 - 5),
+      "hook saw <unknown type: 19>\nerror: unknown type: 19\n(.|\n)*mpalib.*error: unknown type: 19");
+}
+
+}  // namespace
