@@ -2,8 +2,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -59,21 +57,6 @@ TEST(SharedBufferTest, HooksHaveNoBehaviour) {
   Buffer& base = *buf;
   EXPECT_EQ(base.Pin(), 0);
   EXPECT_EQ(base.Unpin(), 0);
-}
-
-TEST(SharedBufferTest, FilledBufferIsReadableFromSeveralThreads) {
-  SharedBufferPtr buf = MakeRefCounted<SharedBuffer>(size_t{4096});
-  for (size_t i = 0; i < buf->size(); ++i) buf->data()[i] = static_cast<uint8_t>(i);
-  std::vector<std::thread> readers;
-  std::vector<unsigned> sums(4, 0);
-  for (size_t t = 0; t < sums.size(); ++t) {
-    readers.emplace_back([held = buf, &sum = sums[t]] {
-      for (size_t i = 0; i < held->size(); ++i) sum += held->data()[i];
-    });
-  }
-  buf.reset();  // the readers' references keep the bytes alive
-  for (auto& reader : readers) reader.join();
-  for (unsigned sum : sums) EXPECT_EQ(sum, 16u * (255u * 256u / 2u));
 }
 
 }  // namespace

@@ -35,18 +35,10 @@ class Square : public RefCounted<Square, Shape> {
   int* destroyed_;
 };
 
-TEST(RefCountedTest, StartsAtZeroAndFirstPointerTakesItToOne) {
-  int destroyed = 0;
-  Tracked* raw = new Tracked(&destroyed);
-  EXPECT_EQ(raw->RefCountForLog(), 0);
-  RefPtr<Tracked> p(raw);
-  EXPECT_EQ(p->RefCountForLog(), 1);
-  EXPECT_EQ(destroyed, 0);
-}
-
 TEST(RefCountedTest, ReleaseFromOneDestroysFromTwoDoesNot) {
   int destroyed = 0;
   Tracked* raw = new Tracked(&destroyed);
+  EXPECT_EQ(raw->RefCountForLog(), 0);  // born uncounted
   raw->AddRef();
   raw->AddRef();
   raw->Release();  // 2 -> 1
@@ -59,6 +51,7 @@ TEST(RefCountedTest, ReleaseFromOneDestroysFromTwoDoesNot) {
 TEST(RefCountedTest, PointerCopiesShareOneObject) {
   int destroyed = 0;
   RefPtr<Tracked> a = MakeRefCounted<Tracked>(&destroyed);
+  EXPECT_EQ(a->RefCountForLog(), 1);
   {
     RefPtr<Tracked> b = a;
     RefPtr<const Tracked> c = a;
