@@ -1,0 +1,351 @@
+#include "cpp/lib/metrics/counters.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <numeric>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/smart_ptr/intrusive_ptr.hpp>
+#include <gtest/gtest.h>
+
+#include "cpp/lib/metrics/fake_clock.h"
+#include "cpp/lib/metrics/net_counters.h"
+#include "cpp/lib/metrics/queue_counters.h"
+#include "cpp/lib/metrics/serializer.h"
+
+namespace zel {
+namespace metrics {
+namespace {
+
+template <typename Counter, typename... Args>
+boost::intrusive_ptr<Counter> Make(Args&&... args) {
+  return boost::intrusive_ptr<Counter>(new Counter(std::forward<Args>(args)...));
+}
+
+template <typename Counter>
+BasicSerializer Serialized(Counter& counter, bool current) {
+  BasicSerializer out;
+  counter.serialize(out, current);
+  return out;
+}
+
+class CountersTest : public ::testing::Test {
+ protected:
+  FakeClock clock_;
+};
+
+TEST_F(CountersTest, TypeMasksNameTheWireFieldsTheyFill) {
+  EXPECT_EQ(UnitCounter::kType, 0x180000000u);
+  EXPECT_EQ(SimpleUnitCounter::kType, 0u);
+  EXPECT_EQ(LatencyCounter::kType, 0xd80000000u);
+  EXPECT_EQ(LatencyStatsCounter::kType, 0xd80000000u | (1ull << 43) | (1ull << 44));
+  EXPECT_EQ(FrequencyCounter::kType, 0x2080000000u);
+  EXPECT_EQ(net::NetObjectCounter::kType, 0x2180001800u);
+  EXPECT_EQ(net::NetFreqCounter::kType, 0x2080000800u);
+  EXPECT_EQ(net::NetRateCounter::kType, 0x1800008000u);
+  // The object counter's fields with sample_twa (38) in place of sample_freq (37).
+  EXPECT_EQ(queue::QueueSizeCounter::kType, 0x4180001800u);
+  // The stats latency's fields with value_num (11) and value_min (12).
+  EXPECT_EQ(queue::QueueLatencyCounter::kType, LatencyStatsCounter::kType | 0x1800u);
+  // The mask is what a key compares, so it is what the value reports.
+  EXPECT_EQ(Make<UnitCounter>()->type(), UnitCounter::kType);
+}
+
+TEST_F(CountersTest, UnitCounterFollowsItsLevelAndKeepsItOverRollover) {
+  auto c = Make<UnitCounter>("items");
+  EXPECT_EQ(c->to_string(true), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
+  c->increment();
+  c->increment();
+  c->increment();
+  c->set(10);
+  c->decrement();
+  EXPECT_EQ(c->to_string(true), "units: items, v~last: 9, s~num: 5, s~min: 1, s~max: 10");
+  // The frozen slot is untouched until a rollover.
+  EXPECT_EQ(c->to_string(false), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
+
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "units: items, v~last: 9, s~num: 5, s~min: 1, s~max: 10");
+  EXPECT_EQ(c->to_string(true), "units: items, v~last: 9, s~num: 0, s~min: 0, s~max: 0");
+  c->add(5);
+  EXPECT_EQ(c->to_string(true), "units: items, v~last: 14, s~num: 1, s~min: 14, s~max: 14");
+}
+
+TEST_F(CountersTest, UnitCounterWithoutUnitsAndDecrementAtZero) {
+  auto c = Make<UnitCounter>();
+  c->decrement();  // stays at 0 and still counts
+  EXPECT_EQ(c->to_string(true), "v~last: 0, s~num: 1, s~min: 0, s~max: 0");
+}
+
+TEST_F(CountersTest, ResetClearsRunningFiguresToo) {
+  auto c = Make<UnitCounter>("items");
+  c->set(7);
+  c->reset();
+  EXPECT_EQ(c->to_string(true), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
+}
+
+TEST_F(CountersTest, SimpleUnitCounterPrintsOnlyItsLevel) {
+  auto c = Make<SimpleUnitCounter>("MB");
+  c->set(7);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "units: MB, v~last: 7");
+  EXPECT_EQ(c->to_string(true), "units: MB, v~last: 7");
+  EXPECT_EQ(Make<SimpleUnitCounter>()->to_string(true), "v~last: 0");
+}
+
+TEST_F(CountersTest, LatencyCounterSummarisesThePeriod) {
+  auto c = Make<LatencyCounter>();
+  c->record(20);
+  c->record(10);
+  c->record(std::chrono::microseconds(30));
+  EXPECT_EQ(c->to_string(true),
+            "units: µs, s~last: 30, s~num: 3, s~min: 10, s~max: 30, s~sum: 60, s~avg: 20");
+  c->rollover();
+  EXPECT_EQ(c->to_string(false),
+            "units: µs, s~last: 30, s~num: 3, s~min: 10, s~max: 30, s~sum: 60, s~avg: 20");
+  // A period with no samples: num and avg 0, and the next first sample sets min and max.
+  EXPECT_EQ(c->to_string(true),
+            "units: µs, s~last: 0, s~num: 0, s~min: 0, s~max: 0, s~sum: 0, s~avg: 0");
+  c->record(std::chrono::milliseconds(2));
+  c->record(std::chrono::microseconds(-5));  // a clock step back counts as 0
+  EXPECT_EQ(c->to_string(true),
+            "units: µs, s~last: 0, s~num: 2, s~min: 0, s~max: 2000, s~sum: 2000, s~avg: 1000");
+}
+
+TEST_F(CountersTest, LatencyAverageKeepsFractions) {
+  auto c = Make<LatencyCounter>();
+  c->record(1);
+  c->record(2);
+  c->record(2);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false),
+            "units: µs, s~last: 2, s~num: 3, s~min: 1, s~max: 2, s~sum: 5, s~avg: 1.667");
+}
+
+TEST(PercentileTest, FollowsTheRankRule) {
+  using aggregation::Percentile;
+  EXPECT_EQ(Percentile({}, 0.95), 0.0);
+  // n = 1: r = 1.9, k = 1 = n, the last sample.
+  EXPECT_EQ(Percentile({42}, 0.95), 42.0);
+  // k = 0: the first sample.
+  EXPECT_EQ(Percentile({5, 6, 7}, 0.2), 5.0);
+  // n = 3, p = 0.5: r = 2, k = 2, between samples 2 and 3 with weight 0.
+  EXPECT_EQ(Percentile({5, 6, 7}, 0.5), 6.0);
+  // n = 4, p = 0.5: r = 2.5, k = 2: 6 + 0.5 * (10 - 6).
+  EXPECT_EQ(Percentile({5, 6, 10, 11}, 0.5), 8.0);
+}
+
+TEST_F(CountersTest, StatsLatencyPercentilesOverOneHundredSamples) {
+  auto c = Make<LatencyStatsCounter>();
+  std::vector<uint64_t> samples(100);
+  std::iota(samples.begin(), samples.end(), 1);
+  std::shuffle(samples.begin(), samples.end(), std::mt19937(7));
+  for (uint64_t s : samples) c->record(s);
+  c->rollover();
+  // r = 95.95, k = 95: 95 + 0.95 * (96 - 95); r = 99.99, k = 99: 99 + 0.99.
+  BasicSerializer out = Serialized(*c, false);
+  EXPECT_NEAR(out.sample_p95().value, 95.95, 1e-9);
+  EXPECT_NEAR(out.sample_p99().value, 99.99, 1e-9);
+  EXPECT_EQ(c->to_string(false),
+            "units: µs, s~last: " + std::to_string(samples.back()) +
+                ", s~num: 100, s~min: 1, s~max: 100, s~sum: 5050, s~avg: 50.5, "
+                "s~p95: 95.95, s~p99: 99.99");
+}
+
+TEST_F(CountersTest, StatsStoreIsEmptiedAtRolloverAndReset) {
+  auto c = Make<LatencyStatsCounter>();
+  c->record(1000);
+  c->rollover();
+  // The sample of the last period must not weigh in this one.
+  c->record(3);
+  c->record(1);
+  c->record(2);
+  c->rollover();
+  EXPECT_EQ(Serialized(*c, false).sample_p99().value, 3.0);
+  c->rollover();
+  EXPECT_EQ(Serialized(*c, false).sample_p95().value, 0.0);
+
+  c->record(50);
+  c->reset();
+  c->record(4);
+  EXPECT_EQ(Serialized(*c, true).sample_p95().value, 4.0);
+  // A current read does not consume the store.
+  EXPECT_EQ(Serialized(*c, true).sample_p95().value, 4.0);
+  c->rollover();
+  EXPECT_EQ(Serialized(*c, false).sample_p95().value, 4.0);
+}
+
+TEST_F(CountersTest, FrequencyIsPerSecondOverThePeriod) {
+  auto c = Make<FrequencyCounter>();
+  for (int i = 0; i < 5; ++i) c->mark();
+  clock_.AdvanceMs(2000);
+  EXPECT_EQ(c->to_string(true), "s~num: 5, s~freq: 2.5");
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "s~num: 5, s~freq: 2.5");
+  // A rollover at once after another: E = 0 gives frequency 0, marks or not.
+  c->mark();
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "s~num: 1, s~freq: 0");
+}
+
+TEST_F(CountersTest, ElapsedTimeIsWholeMilliseconds) {
+  auto c = Make<FrequencyCounter>();
+  c->mark();
+  c->mark();
+  clock_.AdvanceNs(999999);  // under 1 ms: E = 0
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "s~num: 2, s~freq: 0");
+  c->mark();
+  clock_.AdvanceNs(3999999);  // E = 3
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "s~num: 1, s~freq: 333.333");
+}
+
+TEST_F(CountersTest, NetObjectCounterKeepsRunningFiguresAndRestartsPeriodOnes) {
+  auto c = Make<net::NetObjectCounter>();
+  c->increment();
+  c->increment();
+  c->increment();
+  c->decrement();
+  clock_.AdvanceMs(1000);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false),
+            "units: objects, v~last: 2, v~num: 4, v~min: 1, v~max: 3, s~num: 4, s~min: 1, "
+            "s~max: 3, s~freq: 4");
+  // The level stays; the period's min starts anew at the next change.
+  c->decrement();
+  clock_.AdvanceMs(500);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false),
+            "units: objects, v~last: 1, v~num: 5, v~min: 1, v~max: 3, s~num: 1, s~min: 1, "
+            "s~max: 1, s~freq: 2");
+}
+
+TEST_F(CountersTest, NetFreqCounterCountsMarksForEverAndPerPeriod) {
+  auto c = Make<net::NetFreqCounter>();
+  for (int i = 0; i < 4; ++i) c->mark();
+  clock_.AdvanceMs(1000);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "v~num: 4, s~num: 4, s~freq: 4");
+  c->mark();
+  EXPECT_EQ(c->to_string(true), "v~num: 5, s~num: 1, s~freq: 0");
+}
+
+TEST_F(CountersTest, NetRateCounterGivesBytesPerSecond) {
+  auto c = Make<net::NetRateCounter>();
+  c->add(1000);
+  c->add(500);
+  clock_.AdvanceMs(3000);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false), "units: bytes, v~sum: 1500, s~sum: 1500, s~rate: 500");
+  c->add(10);
+  clock_.AdvanceMs(4);
+  EXPECT_EQ(c->to_string(true), "units: bytes, v~sum: 1510, s~sum: 10, s~rate: 2500");
+}
+
+TEST_F(CountersTest, QueueSizeCounterWeighsLevelsByTime) {
+  auto c = Make<queue::QueueSizeCounter>("items");
+  c->set(2);
+  clock_.AdvanceMs(1000);
+  c->set(4);
+  clock_.AdvanceMs(1000);
+  c->rollover();
+  // (2 * 1000 + 4 * 1000) / 2000
+  EXPECT_EQ(c->to_string(false),
+            "units: items, v~last: 4, v~num: 2, v~min: 2, v~max: 4, s~num: 2, s~min: 2, "
+            "s~max: 4, s~twa: 3");
+  // With no change the level held all period is the average.
+  clock_.AdvanceMs(500);
+  c->rollover();
+  EXPECT_EQ(Serialized(*c, false).sample_twa().value, 4.0);
+  // E = 0.
+  c->rollover();
+  EXPECT_EQ(Serialized(*c, false).sample_twa().value, 0.0);
+}
+
+TEST_F(CountersTest, QueueLatencyCounterPrintsRunningAndPeriodFigures) {
+  auto c = Make<queue::QueueLatencyCounter>();
+  c->record(5);
+  c->record(15);
+  c->rollover();
+  c->record(1);
+  c->rollover();
+  EXPECT_EQ(c->to_string(false),
+            "units: µs, s~last: 1, v~num: 3, v~min: 1, v~max: 15, s~num: 1, s~min: 1, "
+            "s~max: 1, s~sum: 1, s~avg: 1, s~p95: 1, s~p99: 1");
+}
+
+TEST_F(CountersTest, SerializeWritesTheFieldsOfTheMaskOnly) {
+  auto c = Make<UnitCounter>("items");
+  c->set(3);
+  c->set(1);
+  clock_.AdvanceMs(60000);
+  c->rollover();
+  BasicSerializer out = Serialized(*c, false);
+  // The frozen period started when the counter was made.
+  EXPECT_EQ(out.timestamp().value, static_cast<uint64_t>(FakeClock::kSystemStartNs / 1000000));
+  EXPECT_EQ(out.units().value, "items");
+  EXPECT_EQ(out.value().value, c->to_string(false));
+  EXPECT_TRUE(out.value_last().set);
+  EXPECT_EQ(out.value_last().value, 1.0);
+  EXPECT_EQ(out.sample_num().value, 2u);
+  EXPECT_EQ(out.sample_min().value, 1.0);
+  EXPECT_EQ(out.sample_max().value, 3.0);
+  EXPECT_FALSE(out.sample_last().set);
+  EXPECT_FALSE(out.value_num().set);
+  EXPECT_FALSE(out.sample_avg().set);
+  EXPECT_FALSE(out.sample_freq().set);
+  EXPECT_FALSE(out.sample_p95().set);
+
+  // The active period started at the rollover.
+  EXPECT_EQ(Serialized(*c, true).timestamp().value,
+            static_cast<uint64_t>(FakeClock::kSystemStartNs / 1000000 + 60000));
+
+  auto f = Make<FrequencyCounter>();
+  BasicSerializer freq = Serialized(*f, true);
+  EXPECT_FALSE(freq.units().set);
+  EXPECT_FALSE(freq.value_last().set);
+  EXPECT_FALSE(freq.sample_last().set);
+  EXPECT_TRUE(freq.sample_freq().set);
+}
+
+// Updates race with rollovers: nothing may be lost or counted twice.
+TEST(CountersConcurrencyTest, UpdatesAndRolloversFromManyThreads) {
+  auto level = Make<UnitCounter>();
+  auto latency = Make<LatencyStatsCounter>();
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 5000;
+  std::atomic<bool> done{false};
+  uint64_t frozenSamples = 0;
+  std::thread collector([&] {
+    while (!done.load()) {
+      latency->rollover();
+      frozenSamples += Serialized(*latency, false).sample_num().value;
+      std::this_thread::yield();
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < kPerThread; ++i) {
+        level->increment();
+        latency->record(static_cast<uint64_t>(i));
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  done = true;
+  collector.join();
+  latency->rollover();
+  frozenSamples += Serialized(*latency, false).sample_num().value;
+  EXPECT_EQ(frozenSamples, static_cast<uint64_t>(kThreads * kPerThread));
+  EXPECT_EQ(Serialized(*level, true).value_last().value, kThreads * kPerThread);
+  EXPECT_EQ(Serialized(*level, true).sample_num().value,
+            static_cast<uint64_t>(kThreads * kPerThread));
+}
+
+}  // namespace
+}  // namespace metrics
+}  // namespace zel
