@@ -1,0 +1,317 @@
+#include "cpp/lib/common/asio_dispatcher.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/mutex.hpp>
+#include <boost/thread/thread.hpp>
+#include <gtest/gtest.h>
+
+#include "cpp/lib/common/dispatcher_test_util.h"
+
+namespace zel {
+namespace {
+
+using dispatch_test::BackgroundCall;
+using dispatch_test::Counter;
+using dispatch_test::Drain;
+using dispatch_test::Event;
+using dispatch_test::WaitUntil;
+
+// Posts a handler that holds the dispatcher thread until `release` is set,
+// and waits until it has started.
+void BlockDispatcher(AsioDispatcher& dispatcher, const std::shared_ptr<Event>& release) {
+  auto entered = std::make_shared<Event>();
+  dispatcher.Post([entered, release] {
+    entered->Set();
+    release->WaitFor();
+  });
+  ASSERT_TRUE(entered->WaitFor());
+}
+
+TEST(AsioDispatcherRunTest, OneThreadNonBlockingStartsAThreadAndReturns) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  EXPECT_EQ(dispatcher.NumThreads(), 1u);
+
+  std::thread::id ranOn;
+  Event ran;
+  dispatcher.Post([&] {
+    ranOn = std::this_thread::get_id();
+    ran.Set();
+  });
+  ASSERT_TRUE(ran.WaitFor());
+  EXPECT_NE(ranOn, std::this_thread::get_id());
+
+  dispatcher.StopAndWait(false);
+  EXPECT_EQ(dispatcher.NumThreads(), 0u);
+}
+
+TEST(AsioDispatcherRunTest, OneThreadBlockingServesOnTheCallingThread) {
+  AsioDispatcher dispatcher;
+  std::thread::id ranOn;
+  size_t threadsWhileRunning = 99;
+  dispatcher.Post([&] {
+    ranOn = std::this_thread::get_id();
+    threadsWhileRunning = dispatcher.NumThreads();
+    dispatcher.Stop(false);
+  });
+  // Run() through the interface is the same one-thread blocking run.
+  Dispatcher& base = dispatcher;
+  BackgroundCall call([&] { base.Run(); });
+  ASSERT_TRUE(call.WaitFor());
+  EXPECT_EQ(ranOn, call.id());
+  EXPECT_EQ(threadsWhileRunning, 0u);
+}
+
+TEST(AsioDispatcherRunTest, ZeroThreadsNonBlockingRunsNothing) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(0, false);
+  EXPECT_EQ(dispatcher.NumThreads(), 0u);
+
+  std::thread::id ranOn;
+  dispatcher.Post([&] { ranOn = std::this_thread::get_id(); });
+  // Still queued: the test thread finds it and runs it itself.
+  EXPECT_EQ(dispatcher.GetIoContext().poll(), 1u);
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  dispatcher.StopAndWait(false);
+}
+
+TEST(AsioDispatcherRunTest, SeveralThreadsBlockingRunConcurrentlyAndJoin) {
+  AsioDispatcher dispatcher;
+  // Each handler waits for the other: only two threads at once get both done.
+  Event first;
+  Event second;
+  std::atomic<bool> sawEachOther{true};
+  dispatcher.Post([&] {
+    first.Set();
+    if (!second.WaitFor()) sawEachOther = false;
+  });
+  dispatcher.Post([&] {
+    second.Set();
+    if (!first.WaitFor()) sawEachOther = false;
+    dispatcher.Stop(false);
+  });
+  BackgroundCall call([&] { dispatcher.Run(2, true); });
+  ASSERT_TRUE(call.WaitFor());
+  EXPECT_TRUE(sawEachOther);
+  EXPECT_EQ(dispatcher.NumThreads(), 0u);  // joined before Run returned
+}
+
+TEST(AsioDispatcherRunTest, RunsAgainAfterStopAndWait) {
+  AsioDispatcher dispatcher;
+  for (int round = 0; round < 3; ++round) {
+    dispatcher.Run(1, false);
+    Event ran;
+    dispatcher.Post([&] { ran.Set(); });
+    ASSERT_TRUE(ran.WaitFor()) << "round " << round;
+    dispatcher.StopAndWait(round % 2 == 0);
+  }
+}
+
+TEST(AsioDispatcherStopTest, WithoutForceQueuedHandlersStillRun) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  auto release = std::make_shared<Event>();
+  BlockDispatcher(dispatcher, release);
+  Counter ran;
+  for (int i = 0; i < 10; ++i) dispatcher.Post([&] { ran.Increment(); });
+
+  dispatcher.Stop(false);
+  release->Set();
+  dispatcher.StopAndWait(false);
+  EXPECT_EQ(ran.Value(), 10);
+}
+
+TEST(AsioDispatcherStopTest, WithForceQueuedHandlersAreDropped) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  auto release = std::make_shared<Event>();
+  BlockDispatcher(dispatcher, release);
+  Counter ran;
+  for (int i = 0; i < 10; ++i) dispatcher.Post([&] { ran.Increment(); });
+
+  dispatcher.Stop(true);
+  release->Set();
+  dispatcher.StopAndWait(true);
+  EXPECT_EQ(ran.Value(), 0);
+}
+
+TEST(AsioDispatcherStopTest, ForceInterruptsAHandlerBlockedAtAnInterruptionPoint) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  Event entered;
+  std::atomic<bool> interrupted{false};
+  dispatcher.Post([&] {
+    boost::mutex mutex;
+    boost::condition_variable never;
+    boost::unique_lock<boost::mutex> lock(mutex);
+    entered.Set();
+    try {
+      never.wait_for(lock, boost::chrono::seconds(20));
+    } catch (const boost::thread_interrupted&) {
+      interrupted = true;
+      throw;
+    }
+  });
+  ASSERT_TRUE(entered.WaitFor());
+  dispatcher.StopAndWait(true);
+  EXPECT_TRUE(interrupted);
+}
+
+TEST(AsioDispatcherStopTest, StopAndWaitFromADispatcherThreadThrows) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  std::string error;
+  Event done;
+  dispatcher.Post([&] {
+    try {
+      dispatcher.StopAndWait(false);
+    } catch (const std::runtime_error& e) {
+      error = e.what();
+    }
+    done.Set();
+  });
+  ASSERT_TRUE(done.WaitFor());
+  const std::string prefix = "AsioDispatcher[" + std::to_string(dispatcher.id()) +
+                             "]::StopAndWait: - joining thread group from one of its thread (";
+  EXPECT_EQ(error.compare(0, prefix.size(), prefix), 0) << error;
+  EXPECT_NE(error.find(") will cause deadlock!"), std::string::npos) << error;
+  // The stop itself went through: the thread ends and can be joined.
+  dispatcher.StopAndWait(false);
+  EXPECT_EQ(dispatcher.NumThreads(), 0u);
+}
+
+TEST(AsioDispatcherStopTest, StopFromInsideAHandlerEndsEveryMode) {
+  for (bool force : {false, true}) {
+    AsioDispatcher pooled;
+    pooled.Post([&] { pooled.Stop(force); });
+    BackgroundCall pooledRun([&] { pooled.Run(2, true); });
+    ASSERT_TRUE(pooledRun.WaitFor()) << "force " << force;
+
+    AsioDispatcher single;
+    single.Post([&] {
+      single.Stop(force);
+      // Nothing to join in the one-thread blocking mode; it must not wait.
+      single.StopAndWait(force);
+    });
+    BackgroundCall singleRun([&] { single.Run(1, true); });
+    ASSERT_TRUE(singleRun.WaitFor()) << "force " << force;
+  }
+}
+
+TEST(AsioDispatcherTest, DispatchRunsInlineOnlyOnADispatcherThread) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(1, false);
+  std::vector<int> order;
+  Event queuedRan;
+  dispatcher.Post([&] {
+    order.push_back(1);
+    dispatcher.Dispatch([&] { order.push_back(2); });
+    dispatcher.Post([&] {
+      order.push_back(4);
+      queuedRan.Set();
+    });
+    order.push_back(3);
+  });
+  ASSERT_TRUE(queuedRan.WaitFor());
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+
+  Event done;
+
+  std::thread::id ranOn;
+  dispatcher.Dispatch([&] {
+    ranOn = std::this_thread::get_id();
+    done.Set();
+  });
+  ASSERT_TRUE(done.WaitFor());
+  EXPECT_NE(ranOn, std::this_thread::get_id());
+  dispatcher.StopAndWait(false);
+}
+
+TEST(AsioDispatcherTest, PostsFromManyThreadsAllRun) {
+  AsioDispatcher dispatcher;
+  dispatcher.Run(2, false);
+  Counter ran;
+  std::vector<std::thread> posters;
+  for (int t = 0; t < 4; ++t) {
+    posters.emplace_back([&] {
+      for (int i = 0; i < 1000; ++i) dispatcher.Post([&] { ran.Increment(); });
+    });
+  }
+  for (std::thread& poster : posters) poster.join();
+  EXPECT_TRUE(ran.WaitForAtLeast(4000));
+  dispatcher.StopAndWait(false);
+  EXPECT_EQ(ran.Value(), 4000);
+}
+
+// The destructor stops an io_context it owns with force, and one it shares
+// without: the queued handlers behind a busy thread show which.
+TEST(AsioDispatcherDestructorTest, ForcesOnlyAnIoContextItOwns) {
+  for (bool owned : {true, false}) {
+    auto io = boost::make_shared<boost::asio::io_context>();
+    auto dispatcher =
+        owned ? std::make_unique<AsioDispatcher>() : std::make_unique<AsioDispatcher>(io);
+    if (owned) io = dispatcher->GetIoContextHandle();
+    EXPECT_EQ(dispatcher->OwnsIoContext(), owned);
+    dispatcher->Run(1, false);
+    auto release = std::make_shared<Event>();
+    BlockDispatcher(*dispatcher, release);
+    Counter ran;
+    for (int i = 0; i < 5; ++i) dispatcher->Post([&] { ran.Increment(); });
+
+    BackgroundCall destroy([&] { dispatcher.reset(); });
+    if (owned) {
+      ASSERT_TRUE(WaitUntil([&] { return io->stopped(); }));
+    }
+    release->Set();
+    ASSERT_TRUE(destroy.WaitFor()) << "owned " << owned;
+    EXPECT_EQ(ran.Value(), owned ? 0 : 5) << "owned " << owned;
+  }
+}
+
+TEST(AsioDispatcherDestructorTest, EndsALoopThatNeverRunsOutOfWork) {
+  auto dispatcher = std::make_unique<AsioDispatcher>();
+  dispatcher->Run(2, false);
+  // Each handler posts its successor, so the queue is never empty.
+  std::function<void()> again;
+  AsioDispatcher* raw = dispatcher.get();
+  again = [raw, &again] { raw->Post(again); };
+  dispatcher->Post(again);
+  dispatcher->Post(again);
+  BackgroundCall destroy([&] { dispatcher.reset(); });
+  ASSERT_TRUE(destroy.WaitFor());
+}
+
+TEST(AsioDispatcherDestructorTest, LastReferenceDroppedOnItsOwnThreadDoesNotHang) {
+  auto dispatcher = std::make_shared<AsioDispatcher>();
+  dispatcher->Run(1, false);
+  boost::shared_ptr<boost::asio::io_context> io = dispatcher->GetIoContextHandle();
+  Event destroyed;
+  AsioDispatcher* raw = dispatcher.get();
+  raw->Post([owner = std::move(dispatcher), &destroyed]() mutable {
+    owner.reset();
+    destroyed.Set();
+  });
+  ASSERT_TRUE(destroyed.WaitFor());
+  // It stopped its loop; its thread ends on its own.
+  EXPECT_TRUE(WaitUntil([&] { return io->stopped(); }));
+}
+
+TEST(AsioDispatcherTest, RejectsANullIoContext) {
+  EXPECT_THROW(AsioDispatcher(boost::shared_ptr<boost::asio::io_context>()),
+               std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace zel
