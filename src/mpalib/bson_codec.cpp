@@ -140,10 +140,72 @@ inline size_t CheckSequence(const unsigned char* s, size_t left) {
   return static_cast<size_t>(trail) + 1;
 }
 
-bool ValidUtf8(const unsigned char* s, size_t len) {
+constexpr uint64_t kHighBits = 0x8080808080808080ULL;
+constexpr uint64_t kLowBits = 0x0101010101010101ULL;
+
+inline uint64_t Load64(const unsigned char* p) {
+  uint64_t w;
+  std::memcpy(&w, p, 8);
+  return w;
+}
+
+// Non-zero when one of the eight bytes of `w` is '.' (all bytes below 0x80).
+inline uint64_t HasDot(uint64_t w) {
+  const uint64_t x = w ^ (kLowBits * '.');
+  return (x - kLowBits) & ~x & kHighBits;
+}
+
+inline uint64_t Load32(const unsigned char* p) {
+  uint32_t w;
+  std::memcpy(&w, p, 4);
+  return w;
+}
+
+// The common case: all of the text is ASCII. Reads it in (possibly
+// overlapping) words and reports whether it holds a '.'. False when any byte
+// is 0x80 or above.
+inline bool ScanAscii(const unsigned char* s, size_t len, bool* dot) {
+  uint64_t all = 0;
+  uint64_t dots = 0;
+  if (len >= 8) {
+    size_t i = 0;
+    for (; i + 8 <= len; i += 8) {
+      const uint64_t w = Load64(s + i);
+      all |= w;
+      dots |= HasDot(w);
+    }
+    if (i < len) {
+      const uint64_t w = Load64(s + len - 8);
+      all |= w;
+      dots |= HasDot(w);
+    }
+  } else if (len >= 4) {
+    const uint64_t w = Load32(s) | Load32(s + len - 4) << 32;
+    all = w;
+    dots = HasDot(w);
+  } else {
+    uint64_t w = 0;
+    for (size_t i = 0; i < len; ++i) w |= static_cast<uint64_t>(s[i]) << (8 * i);
+    all = w;
+    dots = HasDot(w);
+  }
+  if (all & kHighBits) return false;
+  *dot = dots != 0;
+  return true;
+}
+
+// Scans `len` bytes for invalid UTF-8 and, when `dot` is given, for a '.'.
+bool ScanText(const unsigned char* s, size_t len, bool* dot) {
+  bool asciiDot = false;
+  if (ScanAscii(s, len, &asciiDot)) {
+    if (dot != nullptr) *dot = asciiDot;
+    return true;
+  }
+  bool dots = false;
   size_t i = 0;
   while (i < len) {
     if (s[i] < 0x80) {
+      dots |= s[i] == '.';
       ++i;
       continue;
     }
@@ -151,6 +213,7 @@ bool ValidUtf8(const unsigned char* s, size_t len) {
     if (n == 0) return false;
     i += n;
   }
+  if (dot != nullptr) *dot = dots;
   return true;
 }
 
@@ -179,25 +242,14 @@ int EnsureSpace(bson* b, int64_t needed) {
 
 // Sets the flags a name earns; BSON_ERROR only for invalid UTF-8.
 int CheckName(bson* b, const char* name, size_t len) {
-  const auto* s = reinterpret_cast<const unsigned char*>(name);
-  size_t i = 0;
   bool dot = false;
-  while (i < len) {
-    if (s[i] < 0x80) {
-      dot |= (s[i] == '.');
-      ++i;
-      continue;
-    }
-    const size_t n = CheckSequence(s + i, len - i);
-    if (n == 0) {
-      SetError(b, BSON_ERR_NOT_UTF8, "name is not valid UTF-8");
-      return BSON_ERROR;
-    }
-    i += n;
+  if (!ScanText(reinterpret_cast<const unsigned char*>(name), len, &dot)) {
+    SetError(b, BSON_ERR_NOT_UTF8, "name is not valid UTF-8");
+    return BSON_ERROR;
   }
   if (dot) SetError(b, BSON_ERR_NAME_HAS_DOT, "name contains '.'");
-  if (len > 0 && name[0] == '$' && std::strcmp(name, "$ref") != 0 &&
-      std::strcmp(name, "$id") != 0 && std::strcmp(name, "$db") != 0) {
+  if (name[0] == '$' && std::strcmp(name, "$ref") != 0 && std::strcmp(name, "$id") != 0 &&
+      std::strcmp(name, "$db") != 0) {
     SetError(b, BSON_ERR_NAME_HAS_DOLLAR, "name starts with '$'");
   }
   return BSON_OK;
@@ -229,22 +281,12 @@ int AppendHead(bson* b, const char* name, int type, int64_t valueBytes) {
 void SetCorrupt(bson_iterator* it) {
   it->cursor = nullptr;
   it->end = nullptr;
+  it->value = nullptr;
 }
 
-// Bytes taken by the element at `p` (type, name and value), checked against
-// `end`, the document's closing NUL. 0 for that closing NUL; -1 when the
-// element is malformed or does not fit. An unknown type is fatal.
-ptrdiff_t ElementSpan(const char* p, const char* end) {
-  if (p == end) return 0;
-  const unsigned type = static_cast<unsigned char>(*p);
-  // A terminator before the last byte leaves bytes the length field claims
-  // but no element explains.
-  if (type == BSON_ELEM_EOO) return -1;
-  if (type > BSON_ELEM_MAX) FatalUnknownType(type);
-  const void* nul = std::memchr(p + 1, 0, static_cast<size_t>(end - (p + 1)));
-  if (nul == nullptr) return -1;
-  const char* v = static_cast<const char*>(nul) + 1;
-  const int64_t avail = end - v;
+// Size of a value of `type` at `v`, where `avail` bytes remain before the
+// document's closing NUL; -1 when the value is malformed or does not fit.
+int64_t ValueSize(unsigned type, const char* v, int64_t avail) {
   int64_t size = 0;
   switch (type) {
     case BSON_ELEM_UNDEFINED:
@@ -305,7 +347,7 @@ ptrdiff_t ElementSpan(const char* p, const char* end) {
       const void* pat = std::memchr(v, 0, static_cast<size_t>(avail));
       if (pat == nullptr) return -1;
       const char* opts = static_cast<const char*>(pat) + 1;
-      const void* optEnd = std::memchr(opts, 0, static_cast<size_t>(end - opts));
+      const void* optEnd = std::memchr(opts, 0, static_cast<size_t>(v + avail - opts));
       if (optEnd == nullptr) return -1;
       size = static_cast<const char*>(optEnd) + 1 - v;
       break;
@@ -313,13 +355,73 @@ ptrdiff_t ElementSpan(const char* p, const char* end) {
     default:
       return -1;
   }
-  if (size > avail) return -1;
-  return (v - p) + size;
+  return size > avail ? -1 : size;
 }
 
-inline bool AtElement(const bson_iterator* it) {
-  return it->cursor != nullptr && it->cursor != it->end;
+// First NUL byte in [q, end), or null. Names are short, so the word loop
+// beats a library call.
+inline const char* FindNul(const char* q, const char* end) {
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  while (end - q >= 8) {
+    uint64_t w;
+    std::memcpy(&w, q, 8);
+    // The lowest flagged byte is exactly the first zero byte.
+    const uint64_t z = (w - kLowBits) & ~w & kHighBits;
+    if (z != 0) return q + (__builtin_ctzll(z) >> 3);
+    q += 8;
+  }
+  for (; q < end; ++q) {
+    if (*q == '\0') return q;
+  }
+  return nullptr;
+#else
+  return static_cast<const char*>(std::memchr(q, 0, static_cast<size_t>(end - q)));
+#endif
 }
+
+// Moves the cursor onto the element at `p` after checking that it lies whole
+// before the closing NUL at it->end; `p == end` is the end of the document.
+// A malformed element makes the iterator corrupt; an unknown type is fatal.
+void Land(bson_iterator* it, const char* p) {
+  const char* end = it->end;
+  if (p == end) {
+    it->cursor = p;
+    it->value = p;
+    return;
+  }
+  const unsigned type = static_cast<unsigned char>(*p);
+  // A terminator before the last byte leaves bytes the length field claims
+  // but no element explains.
+  if (type == BSON_ELEM_EOO) return SetCorrupt(it);
+  if (type > BSON_ELEM_MAX) FatalUnknownType(type);
+  const char* nul = FindNul(p + 1, end);
+  if (nul == nullptr) return SetCorrupt(it);
+  const char* v = nul + 1;
+  if (ValueSize(type, v, end - v) < 0) return SetCorrupt(it);
+  it->cursor = p;
+  it->value = v;
+}
+
+// Size of the current element's value, which was checked when the cursor
+// reached it. Sizes fixed by the type come from a table.
+inline int64_t StepSize(unsigned type, const char* v, const char* end) {
+  static constexpr signed char kFixed[BSON_ELEM_MAX + 1] = {
+      0, 8, -1, -1, -1, -1, 0, 12, 1, 8, 0, -1, -1, -1, -1, -1, 4, 8, 8};
+  const int fixed = kFixed[type];
+  if (fixed >= 0) return fixed;
+  switch (type) {
+    case BSON_ELEM_STRING:
+    case BSON_ELEM_CODE:
+    case BSON_ELEM_SYMBOL: return 4 + static_cast<int64_t>(GetLe32(v));
+    case BSON_ELEM_OBJECT:
+    case BSON_ELEM_ARRAY:
+    case BSON_ELEM_CODE_W_SCOPE: return GetLe32(v);
+    case BSON_ELEM_BINARY: return 5 + static_cast<int64_t>(GetLe32(v));
+    default: return ValueSize(type, v, end - v);  // db pointer, regex
+  }
+}
+
+inline bool AtElement(const bson_iterator* it) { return bson_iterator_at_element_(it); }
 
 }  // namespace
 
@@ -354,28 +456,41 @@ bson_err_handler bson_set_err_handler(bson_err_handler handler) {
 
 bool bson_valid_utf8(const char* text, int len) {
   if (len <= 0) return len == 0;
-  return ValidUtf8(reinterpret_cast<const unsigned char*>(text), static_cast<size_t>(len));
+  return ScanText(reinterpret_cast<const unsigned char*>(text), static_cast<size_t>(len), nullptr);
 }
 
+// The stack of open sub-documents is meaningful only up to stackPos, so it
+// is left as it is.
 void bson_init(bson* b) {
-  std::memset(b, 0, sizeof *b);
   b->data = static_cast<char*>(g_malloc(BSON_INITIAL_SIZE));
   if (b->data == nullptr) Fatal("malloc() failed");
-  b->dataSize = BSON_INITIAL_SIZE;
   b->cur = b->data + 4;
+  b->dataSize = BSON_INITIAL_SIZE;
+  b->finished = 0;
+  b->stackPos = 0;
+  b->err = 0;
+  b->errstr = nullptr;
 }
 
 void bson_init_wrap(bson* b, const char* data) {
-  std::memset(b, 0, sizeof *b);
   b->data = const_cast<char*>(data);
   b->cur = b->data + GetLe32(data);
   b->dataSize = 0;
   b->finished = 1;
+  b->stackPos = 0;
+  b->err = 0;
+  b->errstr = nullptr;
 }
 
 void bson_destroy(bson* b) {
   if (b->dataSize > 0) std::free(b->data);
-  std::memset(b, 0, sizeof *b);
+  b->data = nullptr;
+  b->cur = nullptr;
+  b->dataSize = 0;
+  b->finished = 0;
+  b->stackPos = 0;
+  b->err = 0;
+  b->errstr = nullptr;
 }
 
 int bson_finish(bson* b) {
@@ -495,9 +610,8 @@ void StartWalk(bson_iterator* it, const char* data, int64_t len) {
     SetCorrupt(it);
     return;
   }
-  it->cursor = data + 4;
   it->end = data + len - 1;
-  if (ElementSpan(it->cursor, it->end) < 0) SetCorrupt(it);
+  Land(it, data + 4);
 }
 
 }  // namespace
@@ -536,31 +650,8 @@ bson_type bson_iterator_next(bson_iterator* it) {
     return bson_iterator_type(it);
   }
   if (!AtElement(it)) return BSON_ELEM_EOO;
-  // The current element was checked when the cursor reached it.
-  it->cursor += ElementSpan(it->cursor, it->end);
-  if (ElementSpan(it->cursor, it->end) < 0) {
-    SetCorrupt(it);
-    return BSON_ELEM_EOO;
-  }
+  Land(it, it->value + StepSize(static_cast<unsigned char>(*it->cursor), it->value, it->end));
   return bson_iterator_type(it);
-}
-
-bson_type bson_iterator_type(const bson_iterator* it) {
-  if (!AtElement(it)) return BSON_ELEM_EOO;
-  return static_cast<bson_type>(static_cast<unsigned char>(*it->cursor));
-}
-
-int bson_iterator_corrupt(const bson_iterator* it) { return it->cursor == nullptr; }
-
-const char* bson_iterator_key(const bson_iterator* it) {
-  if (!AtElement(it)) return "";
-  return it->cursor + 1;
-}
-
-const char* bson_iterator_value(const bson_iterator* it) {
-  if (!AtElement(it)) return nullptr;
-  const char* key = it->cursor + 1;
-  return key + std::strlen(key) + 1;
 }
 
 int32_t bson_iterator_int(const bson_iterator* it) {

@@ -89,12 +89,15 @@ struct bson {
 // A cursor over the elements of one finished document. `cursor` points at the
 // current element (data + 4 at the start); `first` is non-zero before the
 // first step. `end` points at the document's closing NUL byte and bounds every
-// read. A corrupt document leaves `cursor` null: the iterator then stays at
+// read; `value` points at the current element's value. An element is checked
+// against `end` when the cursor reaches it, so readers trust the current
+// element. A corrupt document leaves `cursor` null: the iterator then stays at
 // the end.
 struct bson_iterator {
   const char* cursor;
   int first;
   const char* end;
+  const char* value;
 };
 
 // Called first on a fatal error (with its text) and on an invalid element
@@ -150,13 +153,13 @@ void bson_iterator_from_buffer_n(bson_iterator* it, const char* data, size_t ava
 // Steps to the next element and returns its type; BSON_ELEM_EOO at the end
 // and on a corrupt document.
 bson_type bson_iterator_next(bson_iterator* it);
-bson_type bson_iterator_type(const bson_iterator* it);
+inline bson_type bson_iterator_type(const bson_iterator* it);
 // Non-zero when the walk met bytes that are not a well-formed document.
-int bson_iterator_corrupt(const bson_iterator* it);
+inline int bson_iterator_corrupt(const bson_iterator* it) { return it->cursor == nullptr; }
 // Name of the current element; "" at the end.
-const char* bson_iterator_key(const bson_iterator* it);
-// First byte of the current element's value.
-const char* bson_iterator_value(const bson_iterator* it);
+inline const char* bson_iterator_key(const bson_iterator* it);
+// First byte of the current element's value; null at the end.
+inline const char* bson_iterator_value(const bson_iterator* it);
 
 // Readers that convert across types; see bson_codec.cpp for the rules.
 int32_t bson_iterator_int(const bson_iterator* it);
@@ -175,5 +178,24 @@ const char* bson_iterator_bin_data(const bson_iterator* it);
 // Wraps an embedded document (or array) in place in `sub` (see
 // bson_init_wrap). Returns BSON_ERROR for other types and leaves `sub` alone.
 int bson_iterator_subobject(const bson_iterator* it, bson* sub);
+
+// ---- Inline accessors -------------------------------------------------------
+
+inline bool bson_iterator_at_element_(const bson_iterator* it) {
+  return it->cursor != nullptr && it->cursor != it->end;
+}
+
+inline bson_type bson_iterator_type(const bson_iterator* it) {
+  if (!bson_iterator_at_element_(it)) return BSON_ELEM_EOO;
+  return static_cast<bson_type>(static_cast<unsigned char>(*it->cursor));
+}
+
+inline const char* bson_iterator_key(const bson_iterator* it) {
+  return bson_iterator_at_element_(it) ? it->cursor + 1 : "";
+}
+
+inline const char* bson_iterator_value(const bson_iterator* it) {
+  return bson_iterator_at_element_(it) ? it->value : nullptr;
+}
 
 #endif  // ZEL_MPALIB_BSON_CODEC_H_

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include "mpalib/bson_codec.h"
 
@@ -17,13 +18,25 @@ constexpr const char* kMalformedText =
 constexpr const char* kIteratorNullText =
     "ctor BsonIterator::BsonIterator(const uint8_t *data)  NULL data arg.";
 
-// Frees the document's bytes, then the record.
-void DeleteBson(bson* b) {
-  bson_destroy(b);
-  delete b;
-}
+// The record and its shared owner in one allocation. Destroying it frees
+// the document's bytes, then the record goes with the block.
+struct OwnedBson {
+  OwnedBson() {
+    record.data = nullptr;
+    record.dataSize = 0;
+  }
+  ~OwnedBson() { bson_destroy(&record); }
+  OwnedBson(const OwnedBson&) = delete;
+  OwnedBson& operator=(const OwnedBson&) = delete;
+  bson record;
+};
 
-void FreeIterator(bson_iterator* it) { std::free(it); }
+// Points `b` and `owner` at a new record; the caller fills it.
+void NewRecord(bson*& b, std::shared_ptr<bson>& owner) {
+  auto block = std::make_shared<OwnedBson>();
+  b = &block->record;
+  owner = std::shared_ptr<bson>(std::move(block), b);
+}
 
 inline bool EmptyName(const char* name) { return name == nullptr || name[0] == '\0'; }
 
@@ -33,29 +46,24 @@ int32_t ReadLe32(const uint8_t* p) {
                               static_cast<uint32_t>(p[3]) << 24);
 }
 
-// Copies the document at `data` (length `len`, already checked) into a
-// record of its own: finished, owning its bytes.
-bson* CopyDocument(const uint8_t* data, int32_t len) {
-  auto* b = new bson;
+// Fills the empty record `b` with a copy of the document at `data` (length
+// `len`, already checked): finished, owning its bytes.
+void CopyDocument(bson* b, const uint8_t* data, int32_t len) {
   std::memset(b, 0, sizeof *b);
   b->data = static_cast<char*>(std::malloc(static_cast<size_t>(len)));
-  if (b->data == nullptr) {
-    delete b;
-    throw std::bad_alloc();
-  }
+  if (b->data == nullptr) throw std::bad_alloc();
   std::memcpy(b->data, data, static_cast<size_t>(len));
   b->cur = b->data + len;
   b->dataSize = len;
   b->finished = 1;
-  return b;
 }
 
 bool WellFormedHead(const uint8_t* data, int32_t len) { return len >= 5 && data[len - 1] == 0; }
 
-bson_iterator* NewIterator() {
-  auto* it = static_cast<bson_iterator*>(std::malloc(sizeof(bson_iterator)));
-  if (it == nullptr) throw std::bad_alloc();
-  return it;
+// The walk state lives on the heap with its shared owner.
+void NewIterator(bson_iterator*& it, std::shared_ptr<bson_iterator>& owner) {
+  owner = std::make_shared<bson_iterator>();
+  it = owner.get();
 }
 
 // Iterator kinds by element type byte 0..18.
@@ -91,20 +99,17 @@ inline BsonIterator::Type KindOf(bson_type t) {
 // ---- BSON -----------------------------------------------------------------
 
 BSON::BSON() {
-  auto* b = new bson;
-  bson_init(b);
-  if (b->data == nullptr) {
-    delete b;
-    throw std::bad_alloc();
-  }
-  adopt(b);
+  NewRecord(b_, owner_);
+  bson_init(b_);
+  if (b_->data == nullptr) throw std::bad_alloc();
 }
 
 BSON::BSON(const uint8_t* data) {
   if (data == nullptr) throw std::invalid_argument(kNullDataText);
   const int32_t len = ReadLe32(data);
   if (!WellFormedHead(data, len)) throw std::invalid_argument(kMalformedText);
-  adopt(CopyDocument(data, len));
+  NewRecord(b_, owner_);
+  CopyDocument(b_, data, len);
 }
 
 BSON::BSON(const uint8_t* data, size_t avail) {
@@ -114,15 +119,11 @@ BSON::BSON(const uint8_t* data, size_t avail) {
   if (len < 0 || static_cast<size_t>(len) > avail || !WellFormedHead(data, len)) {
     throw std::invalid_argument(kMalformedText);
   }
-  adopt(CopyDocument(data, len));
+  NewRecord(b_, owner_);
+  CopyDocument(b_, data, len);
 }
 
 BSON::~BSON() = default;
-
-void BSON::adopt(bson* b) {
-  b_ = b;
-  owner_.reset(b, &DeleteBson);
-}
 
 int BSON::appendInt(const char* name, int32_t value) {
   if (EmptyName(name)) return BSON_RC_EMPTY_KEY;
@@ -185,22 +186,19 @@ int BSON::errorFlags() const { return b_ != nullptr ? b_->err : 0; }
 
 BsonIterator::BsonIterator(const uint8_t* data) {
   if (data == nullptr) throw std::invalid_argument(kIteratorNullText);
-  it_ = NewIterator();
-  owner_.reset(it_, &FreeIterator);
+  NewIterator(it_, owner_);
   bson_iterator_from_buffer(it_, reinterpret_cast<const char*>(data));
 }
 
 BsonIterator::BsonIterator(const uint8_t* data, size_t avail) {
   if (data == nullptr) throw std::invalid_argument(kIteratorNullText);
-  it_ = NewIterator();
-  owner_.reset(it_, &FreeIterator);
+  NewIterator(it_, owner_);
   bson_iterator_from_buffer_n(it_, reinterpret_cast<const char*>(data), avail);
 }
 
 BsonIterator::BsonIterator(const BSON& doc) {
   if (doc.dataPtr() == nullptr) throw std::invalid_argument(kIteratorNullText);
-  it_ = NewIterator();
-  owner_.reset(it_, &FreeIterator);
+  NewIterator(it_, owner_);
   bson_iterator_init(it_, doc.raw());
 }
 

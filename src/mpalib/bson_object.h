@@ -85,8 +85,6 @@ class BSON {
   int errorFlags() const;
 
  private:
-  void adopt(bson* b);
-
   bson* b_ = nullptr;
   std::shared_ptr<bson> owner_;
 };

@@ -348,7 +348,7 @@ TEST(BsonIteratorTest, SubobjectIsWrappedInPlaceAndNotOwned) {
 bool WalkEverything(bson_iterator* it, int depth = 0) {
   while (bson_iterator_next(it) != BSON_ELEM_EOO) {
     volatile size_t sink = strlen(bson_iterator_key(it));
-    sink += static_cast<size_t>(bson_iterator_int(it) + bson_iterator_long(it));
+    sink += static_cast<size_t>(bson_iterator_int(it)) + static_cast<size_t>(bson_iterator_long(it));
     sink += static_cast<size_t>(bson_iterator_double(it) != 0) + bson_iterator_bool(it);
     sink += strlen(bson_iterator_string(it));
     const int binLen = bson_iterator_bin_len(it);
