@@ -63,7 +63,13 @@ std::string Trim(const std::string& s) {
   return s.substr(b, s.find_last_not_of(ws) - b + 1);
 }
 
-bool ProcessAlive(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+// A zombie counts as gone: it runs nothing and holds no namespace.
+bool ProcessAlive(pid_t pid) {
+  if (pid <= 0) return false;
+  const std::string stat = ReadHostFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t paren = stat.rfind(')');
+  return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
+}
 
 int OpenAt2(int dirfd, const std::string& path, uint64_t flags, mode_t mode, uint64_t resolve) {
   struct open_how how;
@@ -165,6 +171,7 @@ void SweepStaleScratch(const std::string& parent) {
   for (const auto& entry : fs::directory_iterator(parent, ec)) {
     const std::string name = entry.path().filename().string();
     if (name.rfind("zel-sandbox.", 0) != 0 || !entry.is_directory(ec) || entry.is_symlink(ec)) continue;
+    if (fs::exists(entry.path() / "kept", ec)) continue;  // kept on purpose for debugging
     const std::string owner = Trim(ReadHostFile(entry.path().string() + "/owner.pid"));
     if (owner.empty()) continue;  // being created right now, or not ours
     const std::string holder = Trim(ReadHostFile(entry.path().string() + "/holder.pid"));
@@ -685,6 +692,12 @@ std::optional<std::string> Sandbox::ReadFile(const std::string& path) const {
   return text;
 }
 
+std::optional<std::string> Sandbox::WaitForFile(const std::string& path, Millis timeout) const {
+  std::optional<std::string> text;
+  WaitUntil([&] { return (text = ReadFile(path)).has_value(); }, timeout);
+  return text;
+}
+
 bool Sandbox::Exists(const std::string& path) const {
   if (root_fd_ < 0) throw SandboxError("sandbox is not running");
   const std::vector<std::string> parts = SplitSandboxPath(path);
@@ -816,6 +829,7 @@ void Sandbox::Shutdown() {
 
   if (scratch_.empty()) return;
   if (options_.keep_scratch) {
+    std::ofstream(scratch_ + "/kept") << "kept after teardown; remove by hand\n";
     std::fprintf(stderr, "zel-sandbox: kept scratch directory %s\n", scratch_.c_str());
     return;
   }

@@ -15,8 +15,12 @@
 //                                  is the log collector's socket
 //     /run/zel-sandbox             bind of <scratch>/sandbox, seen from both
 //                                  sides: bin/ (stand-ins), calls.log
+//   If the test process dies, the holder sees end of file on its control pipe
+//   and kills whatever is left in the namespace; the next sandbox removes the
+//   orphaned scratch directory.
 //   Everything else (/usr, /proc, the build tree) is the machine's own and is
-//   shared read-write: programs in the sandbox must not write there.
+//   shared read-write: programs in the sandbox must not write there. Programs
+//   of the build tree run inside under their host paths.
 //   Processes join the holder's namespaces with setns before they exec. The
 //   test process itself never mounts anything and never changes namespace.
 //
@@ -56,7 +60,9 @@
 //
 //   A test process can also own sockets in the sandbox's network namespace:
 //   SocketInside(AF_INET, SOCK_STREAM, 0) gives a descriptor on the sandbox's
-//   loopback (bind, listen, connect as usual, or hand it to asio).
+//   loopback (bind, listen, connect as usual, or hand it to asio). Unix
+//   sockets at sandbox paths (/var/run/orvane/...) must be made by a spawned
+//   process, since only those see the sandbox's file system.
 //
 // Command line (tests/e2e/zel-sandbox in the build tree, as root):
 //
@@ -72,7 +78,8 @@
 //     --timeout SECONDS              kill COMMAND after this long
 //     --keep                         keep the scratch directory, print it
 //   COMMAND runs in the foreground with this terminal's stdio; its exit code
-//   is returned (128+N when killed by signal N, 125 when the sandbox fails).
+//   is returned (128+N when killed by signal N, 124 after --timeout, 125 when
+//   the sandbox fails, 2 for bad usage).
 //   Background commands get SIGTERM when COMMAND ends, then SIGKILL.
 //   Example, relay and agent in one sandbox:
 //     zel-sandbox --follow-log --file /etc/orvane/zel-dorn/dornConfig.ini=my.ini
@@ -138,7 +145,8 @@ struct SandboxOptions {
   uint16_t syslog_port = 514;
   // Host files copied into the stand-in directory, named by their base name.
   std::vector<std::string> extra_standins;
-  // Keep the scratch directory after teardown (also when ZEL_SANDBOX_KEEP=1).
+  // Keep the scratch directory after teardown (also when ZEL_SANDBOX_KEEP=1);
+  // a kept directory is marked and never swept, remove it by hand.
   bool keep_scratch = false;
   // Where the scratch directory is made; must not lie under a directory the
   // sandbox overlays.
@@ -239,6 +247,9 @@ class Sandbox {
   void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644);
   std::optional<std::string> ReadFile(const std::string& path) const;
   bool Exists(const std::string& path) const;
+  // Waits until `path` exists inside and returns its contents; nullopt on
+  // time-out. A file that its writer has just truncated may read empty.
+  std::optional<std::string> WaitForFile(const std::string& path, Millis timeout) const;
 
   // Writes an executable stand-in into the stand-in directory.
   void AddStandin(const std::string& name, const std::string& script);

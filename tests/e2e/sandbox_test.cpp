@@ -128,6 +128,9 @@ TEST_F(SandboxTest, FilesWrittenByTheTestAreSeenInside) {
   EXPECT_EQ(sb_->ReadFile("/etc/zel_issue"), "x");
   EXPECT_EQ(Sh("stat -c %a /etc/zel_issue"), "600\n");
   EXPECT_EQ(sb_->ReadFile("/etc/no_such_file_here"), std::nullopt);
+
+  sb_->Spawn({"sh", "-c", "printf 0000 > /etc/orvane/zel-dorn/software_status"});
+  EXPECT_EQ(sb_->WaitForFile("/etc/orvane/zel-dorn/software_status", kWait), "0000");
 }
 
 TEST_F(SandboxTest, AbsoluteLinksResolveInsideTheSandbox) {
