@@ -153,6 +153,7 @@ void bson_iterator_from_buffer_n(bson_iterator* it, const char* data, size_t ava
 // Steps to the next element and returns its type; BSON_ELEM_EOO at the end
 // and on a corrupt document.
 bson_type bson_iterator_next(bson_iterator* it);
+// Type of the current element; BSON_ELEM_EOO at the end.
 inline bson_type bson_iterator_type(const bson_iterator* it);
 // Non-zero when the walk met bytes that are not a well-formed document.
 inline int bson_iterator_corrupt(const bson_iterator* it) { return it->cursor == nullptr; }
@@ -161,7 +162,11 @@ inline const char* bson_iterator_key(const bson_iterator* it);
 // First byte of the current element's value; null at the end.
 inline const char* bson_iterator_value(const bson_iterator* it);
 
-// Readers that convert across types; see bson_codec.cpp for the rules.
+// Readers that convert across types. Numbers: int32, int64 and double are
+// converted (int64 to int32 keeps the low 32 bits; a double saturates and NaN
+// gives 0); every other type gives 0. Booleans: end and null are false;
+// double, int32 and int64 are true unless 0; a boolean is its byte; every
+// other type is true.
 int32_t bson_iterator_int(const bson_iterator* it);
 int64_t bson_iterator_long(const bson_iterator* it);
 double bson_iterator_double(const bson_iterator* it);

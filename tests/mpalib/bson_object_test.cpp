@@ -136,6 +136,7 @@ TEST(BsonObjectTest, NullValuesAndUnfinishedDocumentsAreRefusedWithoutWriting) {
 TEST(BsonObjectTest, FinishedDocumentFailsAppendsWithFlagAndFinishesAgain) {
   BSON doc = Finished(3);
   EXPECT_EQ(doc.appendInt("late", 1), -1);
+  EXPECT_EQ(doc.appendString("late", "\xFF"), -1);  // refused as finished, not as bad text
   EXPECT_EQ(doc.errorFlags(), BSON_ERR_FINISHED);
   EXPECT_EQ(doc.finish(), 0);
   EXPECT_EQ(AsString(doc.dataPtr(), doc.size()), Doc(Elem(16, "x", Le32(3))));
@@ -149,8 +150,11 @@ TEST(BsonObjectTest, BadUtf8NameFailsAndBlocksFinishButDotDoesNot) {
   EXPECT_FALSE(bad.isFinished());
   BSON dotted;
   EXPECT_EQ(dotted.appendInt("a.b", 1), 0);
+  EXPECT_EQ(dotted.appendInt("$x", 2), 0);
   EXPECT_EQ(dotted.finish(), 0);
-  EXPECT_EQ(dotted.errorFlags(), BSON_ERR_NAME_HAS_DOT);
+  EXPECT_EQ(dotted.errorFlags(), BSON_ERR_NAME_HAS_DOT | BSON_ERR_NAME_HAS_DOLLAR);
+  EXPECT_EQ(AsString(dotted.dataPtr(), dotted.size()),
+            Doc(Elem(16, "a.b", Le32(1)) + Elem(16, "$x", Le32(2))));
 }
 
 TEST(BsonObjectTest, GetterOfAnotherTypeReturnsCodeAndLeavesOutputsAlone) {
