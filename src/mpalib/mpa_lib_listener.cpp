@@ -70,8 +70,12 @@ void MpaLibListener::Start(std::function<void()> onRunning) {
   }
 
   try {
-    std::shared_ptr<MpaLibListener> self = shared_from_this();
-    boost::thread started([self] { self->Loop_(); });
+    // The thread owns the listener while it runs and lets go when the loop
+    // ends, so that the handle it leaves behind does not keep it alive.
+    boost::thread started([self = shared_from_this()]() mutable {
+      std::shared_ptr<MpaLibListener> owner = std::move(self);
+      owner->Loop_();
+    });
     thread_ = std::move(started);
   } catch (const std::exception& e) {
     MPALIB_LOG(zel::kLogError)
