@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -56,7 +57,6 @@ constexpr const char* kLevelName[] = {"",     "CRIT",    "ERROR", "WARN",
                                       "INFO", "VERBOSE", "DEBUG"};
 constexpr std::size_t kLevelEnvCopy = 10;
 
-constexpr std::size_t kFirstFormatBuffer = 2048;
 constexpr std::size_t kLastFormatBuffer = 2097152;
 
 void SysLog(int priority, const char* fmt, ...)
@@ -132,8 +132,8 @@ std::size_t FormatTimestamp(const timespec& now, const tm& t, char* out) {
   return 29;
 }
 
-// The line of one record. Short lines stay in the stack array; a line that
-// outgrows it moves to the heap once.
+// The header and structured data of one record. Short ones stay in the stack
+// array; one that outgrows it moves to the heap.
 class LineBuffer {
  public:
   LineBuffer() = default;
@@ -170,7 +170,7 @@ class LineBuffer {
   }
 
  private:
-  char stack_[4096];
+  char stack_[1024];
   std::size_t size_ = 0;
   std::string heap_;
 };
@@ -313,16 +313,17 @@ void AppendQuoted(LineBuffer& line, const char* key, std::size_t keyLen,
 
 // A tag "key:value" prints key="value"; a tag without a key prints under the
 // key "tag"; an empty tag prints nothing.
-void AppendTag(LineBuffer& line, const std::string& tag) {
-  std::size_t colon = tag.find(':');
-  const char* key = tag.data();
+void AppendTag(LineBuffer& line, const char* tag, std::size_t len) {
+  const char* colon =
+      static_cast<const char*>(std::memchr(tag, ':', len));
+  const char* key = tag;
   std::size_t keyLen = 0;
-  const char* value = tag.data();
-  std::size_t valueLen = tag.size();
-  if (colon != std::string::npos) {
-    keyLen = colon;
-    value = tag.data() + colon + 1;
-    valueLen = tag.size() - colon - 1;
+  const char* value = tag;
+  std::size_t valueLen = len;
+  if (colon != nullptr) {
+    keyLen = static_cast<std::size_t>(colon - tag);
+    value = colon + 1;
+    valueLen = len - keyLen - 1;
   }
   if (keyLen == 0) {
     if (valueLen == 0) return;
@@ -333,6 +334,34 @@ void AppendTag(LineBuffer& line, const std::string& tag) {
 }
 
 }  // namespace
+
+Logger::Buffer::~Buffer() {
+  if (onHeap_) std::free(data_);
+}
+
+bool Logger::Buffer::Reserve(std::size_t n) {
+  if (n < capacity_ - size_) return true;
+  std::size_t want = size_ + n + 1;
+  if (want < 2 * capacity_) want = 2 * capacity_;
+  char* grown = nullptr;
+  if (onHeap_) {
+    grown = static_cast<char*>(std::realloc(data_, want));
+  } else {
+    grown = static_cast<char*>(std::malloc(want));
+    if (grown != nullptr) std::memcpy(grown, data_, size_);
+  }
+  if (grown == nullptr) return false;
+  data_ = grown;
+  capacity_ = want;
+  onHeap_ = true;
+  return true;
+}
+
+void Logger::Buffer::Append(const char* s, std::size_t n) {
+  if (!Reserve(n)) return;
+  std::memcpy(data_ + size_, s, n);
+  size_ += n;
+}
 
 Logger::Logger(int level) : level_(level) {}
 
@@ -357,30 +386,32 @@ Logger& Logger::setEntId(const char* text) {
 }
 
 Logger& Logger::addTag(const char* text) {
-  if (text != nullptr && *text != '\0') tags_.emplace_back(text);
+  // Stored with its NUL, which separates it from the next tag.
+  if (text != nullptr && *text != '\0') tags_.Append(text, std::strlen(text) + 1);
   return *this;
 }
 
 Logger& Logger::format(const char* fmt, ...) {
   if (fmt == nullptr || *fmt == '\0') return *this;
-  char buf[kFirstFormatBuffer];
   va_list ap;
   va_start(ap, fmt);
   va_list again;
   va_copy(again, ap);
-  int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
+  // The text is formatted straight into the free room of the record. Text
+  // that does not fit there goes again into room made for it, as long as it
+  // is shorter than the largest format buffer (2048 doubled up to 2097152);
+  // longer text is dropped without a note.
+  int n = std::vsnprintf(text_.end(), text_.spare(), fmt, ap);
   va_end(ap);
-  if (n >= 0 && static_cast<std::size_t>(n) < kFirstFormatBuffer) {
-    text_.append(buf, static_cast<std::size_t>(n));
-  } else if (n >= 0 && static_cast<std::size_t>(n) < kLastFormatBuffer) {
-    // Some buffer of the doubling series 4096 ... 2097152 holds the text:
-    // format it straight into its place at the end of the message.
-    std::size_t old = text_.size();
-    text_.resize(old + static_cast<std::size_t>(n) + 1);
-    std::vsnprintf(&text_[old], static_cast<std::size_t>(n) + 1, fmt, again);
-    text_.resize(old + static_cast<std::size_t>(n));
+  if (n >= 0) {
+    const std::size_t len = static_cast<std::size_t>(n);
+    if (len < text_.spare()) {
+      text_.Commit(len);
+    } else if (len < kLastFormatBuffer && text_.Reserve(len)) {
+      std::vsnprintf(text_.end(), len + 1, fmt, again);
+      text_.Commit(len);
+    }
   }
-  // Longer text does not fit the largest buffer and is dropped.
   va_end(again);
   return *this;
 }
@@ -460,14 +491,25 @@ Logger::~Logger() {
     line.Append("\" level=\"");
     line.Append(kLevelName[level_]);
     line.Append("\"", 1);
-    for (const std::string& tag : tags_) AppendTag(line, tag);
+    for (const char* tag = tags_.data(); tag < tags_.data() + tags_.size();) {
+      const std::size_t len = std::strlen(tag);
+      AppendTag(line, tag, len);
+      tag += len + 1;
+    }
     line.Append("]", 1);
     const std::size_t sdEnd = line.size();
     line.Append(" ", 1);
-    line.Append(text_);
+    // The text stays where it is: it leaves as the second part of the same
+    // datagram or syslog line.
+    *text_.end() = '\0';
 
     if (udp) {
-      ssize_t rc = write(g_syslogFd, line.data(), line.size());
+      iovec parts[2];
+      parts[0].iov_base = const_cast<char*>(line.data());
+      parts[0].iov_len = line.size();
+      parts[1].iov_base = const_cast<char*>(text_.data());
+      parts[1].iov_len = text_.size();
+      ssize_t rc = writev(g_syslogFd, parts, 2);
       if (rc < 0) {
         int err = errno;
         SysLog(kPriErr,
@@ -476,9 +518,11 @@ Logger::~Logger() {
                static_cast<int>(rc), g_syslogFd, err);
       }
     } else if (g_syslogSink != nullptr) {
-      g_syslogSink(priority, line.c_str());
+      std::string whole(line.data(), line.size());
+      whole.append(text_.data());
+      g_syslogSink(priority, whole.c_str());
     } else {
-      syslog(priority, "%s", line.c_str());
+      syslog(priority, "%s%s", line.c_str(), text_.data());
     }
 
     if (echo) {

@@ -17,8 +17,8 @@
 #ifndef ZEL_COMMON_LOGGER_H_
 #define ZEL_COMMON_LOGGER_H_
 
+#include <cstddef>
 #include <string>
-#include <vector>
 
 namespace zel {
 
@@ -59,17 +59,53 @@ class Logger {
   Logger& setEntId(const char* text);
   Logger& addTag(const char* text);
   Logger& addTag(const std::string& text) { return addTag(text.c_str()); }
-  // Appends printf-formatted text. Text longer than 2 MiB is dropped whole.
+  // Appends printf-formatted text. Text of 2 MiB or more is dropped whole.
   Logger& format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
  private:
+  // Bytes kept in the record itself up to a capacity that covers ordinary
+  // statements, so that building one does not allocate; longer contents move
+  // to the heap.
+  class Buffer {
+   public:
+    Buffer(char* storage, std::size_t capacity)
+        : data_(storage), capacity_(capacity) {}
+    ~Buffer();
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+
+    const char* data() const { return data_; }
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    // Room after the contents, including the place of a terminating NUL.
+    char* end() { return data_ + size_; }
+    std::size_t spare() const { return capacity_ - size_; }
+    // Makes spare() at least n + 1; false when memory runs out.
+    bool Reserve(std::size_t n);
+    // Takes n bytes written at end() into the contents.
+    void Commit(std::size_t n) { size_ += n; }
+    void Append(const char* s, std::size_t n);
+
+   private:
+    char* data_;
+    std::size_t size_ = 0;
+    std::size_t capacity_;
+    bool onHeap_ = false;
+  };
+
+  static constexpr std::size_t kInlineText = 512;
+  static constexpr std::size_t kInlineTags = 128;
+
   int level_;
   std::string msgId_;
   std::string entId_;
-  std::vector<std::string> tags_;
-  std::string text_;
+  // Tags one after another, each ended by a NUL.
+  Buffer tags_{tagStorage_, kInlineTags};
+  Buffer text_{textStorage_, kInlineText};
   std::string subcomp_;
   const char* s2comp_ = nullptr;
+  char tagStorage_[kInlineTags];
+  char textStorage_[kInlineText];
 };
 
 namespace log_internal {
