@@ -102,6 +102,7 @@ class SelfRef {
     return timer_;
   }
   void Reset() {
+    EXPECT_TRUE(stored_.WaitFor());
     boost::shared_ptr<AsioTimer> last;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -208,6 +209,13 @@ TEST(ComputeNextCycleTest, WorksBeforeTheClockEpochAndSaturatesAtItsEnd) {
   EXPECT_EQ(next.skipped, 2u);
   next = impl::ComputeNextCycle(SteadyTime::max() - nanoseconds(5), seconds(1), kSteadyStart);
   EXPECT_EQ(next.deadline, SteadyTime::max());
+  // Catching up from far below zero to far above it.
+  next = impl::ComputeNextCycle(SteadyTime::min(), seconds(1), SteadyTime::max() - seconds(10));
+  EXPECT_LE(next.deadline, SteadyTime::max());
+  EXPECT_GE(next.deadline, SteadyTime::max() - seconds(10));
+  const uint64_t span = static_cast<uint64_t>(next.deadline.time_since_epoch().count()) -
+                        static_cast<uint64_t>(SteadyTime::min().time_since_epoch().count());
+  EXPECT_EQ(span % 1000000000u, 0u);  // still on the grid
 }
 
 TEST_F(TimerTest, OneShotWithZeroIntervalFiresOnceThenIsDone) {
@@ -230,9 +238,19 @@ TEST_F(TimerTest, OneShotNeverFiresBeforeItsInterval) {
                        .count();
     fired.Set();
   });
-  EXPECT_EQ(timer->state(), TimerState::SCHEDULED);
   ASSERT_TRUE(fired.WaitFor());
   EXPECT_GE(firedAfterMs.load(), 30);
+}
+
+TEST_F(TimerTest, IntervalPastTheEndOfTheClockWaitsForever) {
+  Counter fired;
+  auto timer = OneShot(nanoseconds::max(), [&] { fired.Increment(); });
+  EXPECT_EQ(timer->state(), TimerState::SCHEDULED);
+  EXPECT_EQ(timer->deadline(), SteadyTime::max());
+  timer->Cancel();
+  ASSERT_TRUE(Drain(dispatcher_));
+  EXPECT_EQ(timer->state(), TimerState::CANCELLED);
+  EXPECT_EQ(fired.Value(), 0);
 }
 
 TEST_F(TimerTest, NegativeIntervalsAreRefusedWithAnError) {
@@ -283,6 +301,9 @@ TEST_F(ManualClockTimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
   Counter fired;
   Event second;
   SteadyTime secondDeadline;
+  // Held until the first cycle has been read.
+  auto release = std::make_shared<Event>();
+  BlockDispatcher(release);
   auto timer = AsAsio(manualFactory_.CreatePeriodicTimer(
       milliseconds(100),
       [&] {
@@ -302,6 +323,7 @@ TEST_F(ManualClockTimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
   EXPECT_EQ(timer->epoch(), kSteadyStart - milliseconds(30));
   EXPECT_EQ(timer->cycle(), 1u);
   EXPECT_EQ(CountLogged(" ms (aligned)"), 1);
+  release->Set();
 
   ASSERT_TRUE(second.WaitFor());
   EXPECT_EQ(secondDeadline, kSteadyStart + milliseconds(170));
@@ -311,9 +333,13 @@ TEST_F(ManualClockTimerTest, AlignedTimerOnAMultipleFiresAtOnce) {
   auto clock = boost::make_shared<ManualClock>(kSteadyStart, SystemTime(seconds(1700000040)));
   AsioTimerFactory factory(dispatcher_.GetIoContextHandle(), clock);
   Event fired;
+  // Held until the first cycle has been read, since it is due at once.
+  auto release = std::make_shared<Event>();
+  BlockDispatcher(release);
   auto timer = AsAsio(factory.CreatePeriodicTimer(seconds(60), [&] { fired.Set(); }, true));
   EXPECT_EQ(timer->deadline(), kSteadyStart);
   EXPECT_EQ(timer->epoch(), kSteadyStart - seconds(60));
+  release->Set();
   ASSERT_TRUE(fired.WaitFor());
   timer->Cancel();
 }
@@ -326,6 +352,8 @@ TEST_F(ManualClockTimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
   Event second;
   uint64_t cycleAtSecond = 0;
   SteadyTime deadlineAtSecond;
+  auto release = std::make_shared<Event>();
+  BlockDispatcher(release);
   auto timer = AsAsio(manualFactory_.CreatePeriodicTimer(
       milliseconds(50),
       [&] {
@@ -343,6 +371,7 @@ TEST_F(ManualClockTimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
   self.Store(timer);
   EXPECT_EQ(timer->epoch(), kSteadyStart);
   EXPECT_EQ(timer->deadline(), kSteadyStart + milliseconds(50));
+  release->Set();
 
   ASSERT_TRUE(second.WaitFor());
   EXPECT_EQ(cycleAtSecond, 5u);

@@ -67,15 +67,18 @@ NextCycle ComputeNextCycle(std::chrono::steady_clock::time_point deadline,
   // An expiry past the end of the clock saturates: it never comes.
   if (d > kMax - s) return {TimePoint::max(), 0};
   const int64_t next = d + s;
-  if (next >= n) return {TimePoint(std::chrono::duration_cast<TimePoint::duration>(nanoseconds(next))), 0};
+  if (next >= n) {
+    return {TimePoint(std::chrono::duration_cast<TimePoint::duration>(nanoseconds(next))), 0};
+  }
 
-  // In unsigned arithmetic the distance can't overflow, however far apart.
+  // Unsigned arithmetic: the distance between any two int64_t values fits.
   const uint64_t behind = static_cast<uint64_t>(n) - static_cast<uint64_t>(next);
   const uint64_t us = static_cast<uint64_t>(s);
   const uint64_t skipped = behind / us + (behind % us != 0 ? 1 : 0);
-  const uint64_t advance = skipped * us;  // < behind + s, so it fits
-  if (advance > static_cast<uint64_t>(kMax - next)) return {TimePoint::max(), skipped};
-  const int64_t caughtUp = next + static_cast<int64_t>(advance);
+  const uint64_t headroom = static_cast<uint64_t>(kMax) - static_cast<uint64_t>(next);
+  if (skipped > headroom / us) return {TimePoint::max(), skipped};
+  // next + skipped * s lies in [n, kMax], so the sum wraps back into range.
+  const auto caughtUp = static_cast<int64_t>(static_cast<uint64_t>(next) + skipped * us);
   return {TimePoint(std::chrono::duration_cast<TimePoint::duration>(nanoseconds(caughtUp))),
           skipped};
 }
