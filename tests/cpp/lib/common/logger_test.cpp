@@ -144,6 +144,34 @@ int PeerPort(int fd) {
   return ntohs(peer.sin_port);
 }
 
+// The settings as this file's static initialisation finds them: the real
+// set-up must already have run from the process environment.
+struct StartState {
+  log_testing::LoggerState state;
+  int peerPort;
+};
+const StartState g_atStart = [] {
+  auto state = GetLoggerStateForTest();
+  return StartState{state, state.udpMode ? PeerPort(state.syslogFd) : -1};
+}();
+
+TEST(LoggerStartTest, SetUpRunsBeforeOtherStaticInitialisers) {
+  const char* method = std::getenv("ZEL_SYSLOG_METHOD");
+  const char* level = std::getenv("ZEL_LOG_LEVEL");
+  if ((method != nullptr && std::string(method) != "DEVLOG") ||
+      level != nullptr) {
+    GTEST_SKIP() << "runs with ZEL_LOG_LEVEL unset and ZEL_SYSLOG_METHOD "
+                    "unset or DEVLOG";
+  }
+  EXPECT_EQ(g_atStart.state.level, kLogInfo);
+  if (method == nullptr) {
+    EXPECT_TRUE(g_atStart.state.udpMode);
+    EXPECT_EQ(g_atStart.peerPort, 514);
+  } else {
+    EXPECT_FALSE(g_atStart.state.udpMode);
+  }
+}
+
 TEST_F(LoggerTest, DevlogSelectsSyslogMode) {
   SetUpLoggerForTest(nullptr, "DEVLOG", kNoFile);
   EXPECT_FALSE(GetLoggerStateForTest().udpMode);
@@ -351,6 +379,28 @@ TEST_F(LoggerTest, TextBelow2MiBIsKeptAndLongerTextIsDroppedWhole) {
   EXPECT_EQ(TextOf(OnlySyslogLine().second), "head tail");
 }
 
+TEST_F(LoggerTest, TextAndTagsGrowPastTheRecordsOwnRoom) {
+  // Pieces that end just below, at and past the room kept inside a record.
+  const std::string a(500, 'a');
+  const std::string b(11, 'b');
+  std::string tagsExpected;
+  {
+    Logger record(kLogInfo);
+    record.format("%s", a.c_str()).format("%s", b.c_str()).format("c");
+    record.format("%s", a.c_str());
+    for (int i = 0; i < 20; ++i) {
+      record.addTag("key" + std::to_string(i) + ":value" + std::to_string(i));
+      tagsExpected += " key" + std::to_string(i) + "=\"value" +
+                      std::to_string(i) + "\"";
+    }
+  }
+  auto lines = SyslogCapture::Take();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(TextOf(lines[0].second), a + b + "c" + a);
+  EXPECT_THAT(lines[0].second,
+              HasSubstr("level=\"INFO\"" + tagsExpected + "] "));
+}
+
 // --- timestamp ------------------------------------------------------------
 
 TEST(LoggerTimestampTest, UtcIsZAndOffsetsGetAColon) {
@@ -459,6 +509,24 @@ TEST_F(LoggerTest, WriteErrorIsReportedToSyslog) {
             std::make_pair(3, "Failed to emit message to syslog via UDP, rc: -1, "
                               "FD: " + std::to_string(fd) + ", errno: " +
                               std::to_string(ECONNREFUSED)));
+}
+
+TEST_F(LoggerTest, DatagramTooLargeIsReportedAsWriteError) {
+  UdpReceiver receiver;
+  SetUpLoggerForTest(nullptr, std::to_string(receiver.port()).c_str(), kNoFile);
+  const int fd = GetLoggerStateForTest().syslogFd;
+  SyslogCapture::Take();
+  const std::string text(70000, 'x');  // beyond the largest UDP datagram
+  DORN_LOG(kLogInfo).format("%s", text.c_str());
+  EXPECT_THAT(SyslogCapture::Take(),
+              ElementsAre(Pair(3, "Failed to emit message to syslog via UDP, "
+                                  "rc: -1, FD: " + std::to_string(fd) +
+                                  ", errno: " + std::to_string(EMSGSIZE))));
+  const std::string fits(60000, 'y');
+  DORN_LOG(kLogInfo).format("%s", fits.c_str());
+  std::string datagram;
+  ASSERT_TRUE(receiver.Receive(&datagram));
+  EXPECT_THAT(datagram, testing::EndsWith("] " + fits));
 }
 
 TEST_F(LoggerTest, ConcurrentRecordsArriveWhole) {
