@@ -160,12 +160,13 @@ class LineBuffer {
   const char* data() const { return heap_.empty() ? stack_ : heap_.data(); }
   // NUL-terminated contents.
   const char* c_str() {
-    if (heap_.empty() && size_ < sizeof stack_) {
-      stack_[size_] = '\0';
-      return stack_;
+    if (heap_.empty()) {
+      if (size_ < sizeof stack_) {
+        stack_[size_] = '\0';
+        return stack_;
+      }
+      heap_.assign(stack_, size_);
     }
-    Append("", 0);
-    if (heap_.empty()) heap_.assign(stack_, size_);
     return heap_.c_str();
   }
 
@@ -416,6 +417,11 @@ Logger& Logger::format(const char* fmt, ...) {
   return *this;
 }
 
+// The line of a record, in UDP mode (syslog mode has no header):
+//   <PRI>1 TIMESTAMP HOST ZEL PID MSGID [zel@4711 comp="C" subcomp="S"
+//   s2comp="L" entId="E" tid="T" level="NAME" key="value" ...] TEXT
+// where the subcomp, s2comp and entId pieces and the tags appear only when
+// set, MSGID is "-" when unset, and the datagram has no line end.
 Logger::~Logger() {
   if (level_ < kLogCrit || level_ > kLogDebug) {
     SysLog(kPriErr, "Invalid log level %d", level_);
