@@ -70,6 +70,14 @@ bool IsDir(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// "/tmp/x" for any path below /tmp/x, and "" for paths outside /tmp.
+std::string TopDirUnderTmp(const std::string& path) {
+  const std::string prefix = "/tmp/";
+  if (path.compare(0, prefix.size(), prefix) != 0) return "";
+  const size_t end = path.find('/', prefix.size());
+  return end == std::string::npos ? "" : path.substr(0, end);
+}
+
 void MakeDirs(const std::string& path, mode_t mode) {
   std::string sofar;
   std::stringstream in(path);
@@ -249,9 +257,23 @@ int Hold(const std::string& scratch) {
   MountOrFail((scratch + "/sandbox").c_str(), "/run/zel-sandbox", nullptr, MS_BIND, "");
   mounted.push_back("/run/zel-sandbox");
 
-  // Last: the scratch directory lives in the real /tmp, which this hides.
+  // Last: the scratch directory lives in the real /tmp, which this hides. A
+  // build tree that itself lies under /tmp (a throw-away clone, say) must stay
+  // visible, since the programs started inside run from it: park a bind of its
+  // top directory under /run, mount the private /tmp, and move it back.
+  const std::string keep = TopDirUnderTmp(ReadLink("/proc/self/exe"));
+  const std::string parked = "/run/zel-sandbox-keep";
+  if (!keep.empty()) {
+    MakeDirs(parked, 0755);
+    MountOrFail(keep.c_str(), parked, nullptr, MS_BIND | MS_REC, "");
+  }
   MountOrFail("zel-sandbox", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
   mounted.push_back("/tmp");
+  if (!keep.empty()) {
+    MakeDirs(keep, 0755);
+    MountOrFail(parked.c_str(), keep, nullptr, MS_MOVE, "");
+    mounted.push_back(keep);
+  }
 
   BuildDev(&mounted);
 
