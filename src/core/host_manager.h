@@ -55,6 +55,11 @@ class HostManager {
  private:
   HostManager() = default;
 
+  // Runs `command` (a "cat" of one host file) and builds the answer with the
+  // certificate statuses. The caller holds mutex_.
+  orvane::zel::dorn::DornMessage ReadHostFile_(const orvane::zel::dorn::DornMessage& request,
+                                               const char* command);
+
   boost::mutex mutex_;
 };
 
