@@ -63,6 +63,8 @@ const char kHelp[] =
     "  --no-ack             do not acknowledge registrations\n"
     "  --mp-version MAJ.MIN send mp-version in acknowledgements\n"
     "  --serve              keep serving after the steps until signalled\n"
+    "  --ready-file PATH    write the port to PATH once listening (for scripts that\n"
+    "                       start the agent after the relay)\n"
     "  --stdin              read more steps from standard input, in the file format\n"
     "                       (a blank line ends a request); ends at end of input\n"
     "\n"
@@ -334,6 +336,7 @@ struct Settings {
   std::optional<std::pair<uint32_t, uint32_t>> mp_version;
   bool serve = false;
   bool use_stdin = false;
+  std::string ready_file;
 };
 
 // Reads steps from standard input as they are typed.
@@ -457,6 +460,9 @@ int main(int argc, char** argv) {
       s.mp_version = std::make_pair(major, minor);
     } else if (a == "--serve") {
       s.serve = true;
+    } else if (a == "--ready-file") {
+      if (!(v = need(i)) || !*v) return Usage("--ready-file takes a path");
+      s.ready_file = v;
     } else if (a == "--stdin") {
       s.use_stdin = true;
     } else if (a == "--send") {
@@ -536,6 +542,14 @@ int main(int argc, char** argv) {
     return kExitListen;
   }
   if (s.use_stdin) relay.WatchInput(0, [&]() { stdin_steps.OnReadable(); });
+  if (!s.ready_file.empty()) {
+    std::ofstream ready(s.ready_file, std::ios::trunc);
+    ready << relay.port() << "\n";
+    if (!ready) {
+      printer.Error("cannot write " + s.ready_file);
+      return kExitUsage;
+    }
+  }
 
   printer.keep_round_trips = s.stats;
   const Clock::time_point started = Clock::now();

@@ -1,0 +1,231 @@
+#!/usr/bin/env bash
+# Builds the agent and runs it against the stand-in management-plane relay
+# (tools/mpa-relay) in the end-to-end sandbox: a private mount and network
+# namespace in which the agent sees its fixed paths (/etc/orvane/...,
+# 127.0.0.1:9002) while this machine's /etc, /opt, /tmp and network stay
+# untouched. The host it sees is an Ubuntu host (uname and lsb_release are
+# stand-ins; dpkg-query is this machine's own).
+#
+# The relay sends a short session and prints every request and answer:
+# run a command, copy a file and run it, track software and ask its status,
+# find missing packages, get the SSH host RSA key. Then the agent is stopped
+# (SIGTERM stops its dispatcher, SIGINT ends the process) and the sandbox is
+# removed. The agent's log is kept in build/default/run/agent.log.
+#
+#   scripts/run.sh              build, then run the session
+#   scripts/run.sh --no-build   run with what is built
+#   JOBS=N scripts/run.sh       build with N jobs (default: nproc)
+#
+# Needs root (namespaces and mounts). Exit code: that of the relay, 0 when
+# every expected answer came and the wire layout was kept.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+build="$root/build/default"
+
+build_first=1
+for arg in "$@"; do
+  case "$arg" in
+    --no-build) build_first=0 ;;
+    -h|--help) sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run.sh: unknown argument $arg" >&2; exit 2 ;;
+  esac
+done
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "run.sh: the sandbox needs root (namespaces and mounts); run it as root or with sudo" >&2
+  exit 1
+fi
+
+if [ "$build_first" = 1 ]; then
+  echo "== build (preset default): dorn-host-agent, mpa-relay, zel-sandbox"
+  cmake --preset default >/dev/null
+  cmake --build --preset default -j "${JOBS:-$(nproc)}" \
+    --target dorn-host-agent mpa-relay zel-sandbox zel-sandbox-helper
+fi
+
+find_binary() {
+  local path
+  path=$(find "$build" -name "$1" -type f -perm -u+x -not -path '*/CMakeFiles/*' 2>/dev/null | head -n 1)
+  if [ -z "$path" ]; then
+    echo "run.sh: $1 is not built in $build (run without --no-build)" >&2
+    exit 1
+  fi
+  echo "$path"
+}
+agent=$(find_binary dorn-host-agent)
+relay=$(find_binary mpa-relay)
+sandbox=$(find_binary zel-sandbox)
+
+work="$build/run"
+rm -rf "$work"
+mkdir -p "$work/standins"
+
+# --- the host the agent sees ---------------------------------------------
+fakes="$root/tests/fakes/hosts/ubuntu"
+for tool in uname lsb_release; do
+  if [ -x "$fakes/$tool" ]; then
+    cp "$fakes/$tool" "$work/standins/$tool"
+  fi
+done
+if [ ! -x "$work/standins/uname" ]; then
+  cat > "$work/standins/uname" <<'EOF'
+#!/bin/sh
+# Stand-in: an Ubuntu 22.04 kernel.
+case "$*" in
+  "-s -r") echo "Linux 5.15.0-91-generic" ;;
+  "-s") echo "Linux" ;;
+  "-r") echo "5.15.0-91-generic" ;;
+  *) echo "Linux ubuntu-host 5.15.0-91-generic #101-Ubuntu SMP x86_64 GNU/Linux" ;;
+esac
+EOF
+fi
+if [ ! -x "$work/standins/lsb_release" ]; then
+  cat > "$work/standins/lsb_release" <<'EOF'
+#!/bin/sh
+# Stand-in: Ubuntu 22.04.
+case "$*" in
+  "-si"|"-is"|"-s -i"|"-i -s") echo "Ubuntu" ;;
+  "-sr"|"-rs") echo "22.04" ;;
+  *) printf 'Distributor ID:\tUbuntu\nRelease:\t22.04\nCodename:\tjammy\n' ;;
+esac
+EOF
+fi
+chmod 755 "$work/standins/"*
+
+cat > "$work/dornConfig.ini" <<'EOF'
+[CommunicationHandler]
+ackTimeout=300
+[Monitoring]
+updateCheckFrequency=60
+monitoringStartDelay=1
+EOF
+
+# A throw-away host key, so the agent never reads this machine's.
+if command -v ssh-keygen >/dev/null 2>&1; then
+  ssh-keygen -q -t rsa -b 2048 -N '' -C root@ubuntu-host -f "$work/ssh_host_rsa_key"
+else
+  echo "ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAABAQDdemoKeyForTheSandboxOnly root@ubuntu-host" \
+    > "$work/ssh_host_rsa_key.pub"
+fi
+
+bash_version=$(dpkg-query -W -f='${Version}' bash 2>/dev/null || echo 5)
+
+# --- the session ------------------------------------------------------------
+cat > "$work/session.txt" <<EOF
+# Run a command
+message_type: MT_RUN_COMMAND
+operation_id: "run-1"
+dorn_fabric_object {
+  fabric_object_identifier: "cmd-uname"
+  runCommand { command: "uname -sr; lsb_release -si; id -un" }
+}
+
+# Copy an executable file
+message_type: MT_FILE_COPY
+operation_id: "copy-1"
+dorn_fabric_object {
+  fabric_object_identifier: "hello.sh"
+  fileCopy {
+    file: "/opt/dorn-demo/hello.sh"
+    data: "#!/bin/sh\necho \"hello from the copied script\"\n"
+    make_executable: true
+  }
+}
+
+# Run the copied file
+message_type: MT_RUN_COMMAND
+operation_id: "run-2"
+dorn_fabric_object {
+  fabric_object_identifier: "cmd-hello"
+  runCommand { command: "/opt/dorn-demo/hello.sh && stat -c '%a %n' /opt/dorn-demo/hello.sh" }
+}
+
+# Track software: bash at its version, openssl at 0.9.8, one package not installed
+message_type: MT_INIT
+operation_id: "track-1"
+dorn_fabric_object { software { name: "bash" version: "$bash_version" } }
+dorn_fabric_object { software { name: "openssl" version: "0.9.8" } }
+dorn_fabric_object { software { name: "zel-demo-agent-plugin" version: "1.0" } }
+
+# Ask how the tracked software stands (unmet packages are listed)
+message_type: MT_SOFTWARE_STATUS
+operation_id: "status-1"
+
+# Find which of these packages are missing
+message_type: MT_FIND_MISSING_PACKAGES_FROM_LIST
+operation_id: "missing-1"
+dorn_fabric_object { findMissingPackagesFromList { name: "bash" } }
+dorn_fabric_object { findMissingPackagesFromList { name: "coreutils" } }
+dorn_fabric_object { findMissingPackagesFromList { name: "zel-demo-agent-plugin" } }
+
+# Get the SSH host RSA key
+message_type: MT_GET_RSA_KEY
+operation_id: "rsa-1"
+EOF
+
+# Inside the sandbox: the relay first, the agent once the relay listens, and
+# after the session the agent's documented stop.
+cat > "$work/drive.sh" <<'EOF'
+#!/bin/sh
+relay=$1; agent=$2; session=$3
+ready=/run/mpa-relay.ready
+alive() { [ -r "/proc/$1/stat" ] && ! grep -q '^[0-9]* (.*) Z' "/proc/$1/stat"; }
+await_exit() {  # pid, tenths of a second
+  n=0
+  while alive "$1" && [ "$n" -lt "$2" ]; do sleep 0.1; n=$((n + 1)); done
+  ! alive "$1"
+}
+
+"$relay" --ready-file "$ready" --file "$session" --timeout 60 &
+relay_pid=$!
+n=0
+while [ ! -s "$ready" ] && alive "$relay_pid" && [ "$n" -lt 100 ]; do sleep 0.05; n=$((n + 1)); done
+if [ ! -s "$ready" ]; then
+  wait "$relay_pid"; exit $?
+fi
+
+"$agent" &
+agent_pid=$!
+set +e
+wait "$relay_pid"
+rc=$?
+echo "== session over (relay exit $rc); stopping the agent"
+kill -TERM "$agent_pid" 2>/dev/null
+if await_exit "$agent_pid" 30; then
+  echo "== agent ended on SIGTERM"
+else
+  echo "== SIGTERM stopped the agent's dispatcher; SIGINT ends the process"
+  kill -INT "$agent_pid" 2>/dev/null
+  if ! await_exit "$agent_pid" 50; then
+    echo "== agent still running; SIGKILL"
+    kill -KILL "$agent_pid" 2>/dev/null
+  fi
+fi
+wait "$agent_pid" 2>/dev/null
+exit "$rc"
+EOF
+chmod 755 "$work/drive.sh"
+
+echo "== sandbox: relay on 127.0.0.1:9002, agent $agent"
+set +e
+"$sandbox" \
+  --file /etc/orvane/zel-dorn/dornConfig.ini="$work/dornConfig.ini" \
+  --file /etc/ssh/ssh_host_rsa_key.pub="$work/ssh_host_rsa_key.pub" \
+  --standin "$work/standins/uname" \
+  --standin "$work/standins/lsb_release" \
+  --log-copy "$work/agent.log" \
+  --timeout 120 \
+  -- /bin/sh "$work/drive.sh" "$relay" "$agent" "$work/session.txt"
+rc=$?
+set -e
+
+lines=$(wc -l < "$work/agent.log" 2>/dev/null || echo 0)
+echo "== agent log: $lines lines in $work/agent.log; its errors and warnings:"
+grep -E 'errorCode:|WARN|ERROR|CRIT' "$work/agent.log" 2>/dev/null | tail -n 15 | cut -c1-220 || true
+if [ "$rc" -eq 0 ]; then
+  echo "== done: every request was answered"
+else
+  echo "== done with exit code $rc (1: answers missing, 3: wire layout problems; see above)"
+fi
+exit "$rc"
