@@ -1,0 +1,45 @@
+// Link-time stand-ins for the operation managers and the Monitor, for tests
+// of CommunicationHandler's dispatch. A test binary that compiles
+// fake_managers.cpp instead of linking the managers' sources gets managers
+// that run no host command: each operation records its call and, when
+// answering is on, sends MakeAnswer(request) with one status naming the
+// operation, through CommunicationHandler::SendMsg with the pointers it got.
+//
+// Threads: the record is guarded by a mutex; tests read it after the call.
+#ifndef DORN_TESTS_CORE_FAKE_MANAGERS_H_
+#define DORN_TESTS_CORE_FAKE_MANAGERS_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ZelDorn {
+namespace testing {
+
+struct ManagerCall {
+  std::string operation;  // "SoftwareManager::AppInit", "HostManager::RebootHost" ...
+  std::string operationId;
+  // The pointers as the manager received them, and their texts.
+  const char* replyTo = nullptr;
+  const char* correlationId = nullptr;
+  std::optional<std::string> replyToText;
+  std::optional<std::string> correlationIdText;
+};
+
+// Calls in order since the last Reset.
+std::vector<ManagerCall> ManagerCalls();
+// Number of Monitor::ForcePublish calls since the last Reset.
+int ForcePublishCalls();
+// Clears the record and turns answering on.
+void ResetManagers();
+// Whether the fake operations send an answer.
+void SetManagersAnswer(bool answer);
+// Creates every manager instance.
+void CreateManagers();
+// Drops every manager instance.
+void DestroyManagers();
+
+}  // namespace testing
+}  // namespace ZelDorn
+
+#endif  // DORN_TESTS_CORE_FAKE_MANAGERS_H_
