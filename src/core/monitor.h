@@ -49,6 +49,8 @@ class Monitor : public Thread {
   explicit Monitor(const std::string& name = kThreadName,
                    const std::string& statusFilePath = kStatusFilePath,
                    boost::shared_ptr<const DornProperties> properties = {});
+  // Joins the thread if it was started (never interrupts it), so a running
+  // monitor holds its last owner here until something interrupts it.
   ~Monitor();
 
   Monitor(const Monitor&) = delete;

@@ -1,0 +1,169 @@
+// Test support for the operation managers, the SoftwareManager and the
+// Monitor: everything they reach through singletons, made private to the test.
+//
+//   ManagerTestEnv env;            // in a fixture; one at a time
+//   env.SetSoftwareList("foo 1.2\n");
+//   RpcManager::GetInstance()->PerformRpc(request, "q", "c-1");
+//   DornMessage answer = env.LastAnswer();
+//
+// What it sets up, in order: log capture at VERBOSE; a temporary directory
+// whose bin/ is put first on PATH with an "rpmquery" stand-in that prints
+// the file software_list of that directory and records each call;
+// HostOperations; HostInfo with the host type RHELKVM and an id script of the
+// directory that prints kHostId; a CommunicationHandler over the fake client
+// layer, started so that its answers are recorded. The destructor undoes it
+// and restores PATH.
+//
+// Only stand-ins for harmless commands belong here. Anything that would
+// reboot, touch accounts, run /etc/init.d scripts or read real /etc files is
+// tested in the e2e sandbox.
+//
+// Threads: build and destroy on the test's thread while no other thread runs.
+#ifndef DORN_TESTS_CORE_MANAGER_TEST_SUPPORT_H_
+#define DORN_TESTS_CORE_MANAGER_TEST_SUPPORT_H_
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/make_shared.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include "core/communication_handler.h"
+#include "core/host_info.h"
+#include "core/host_operations.h"
+#include "core/log_capture.h"
+#include "core/temp_dir.h"
+#include "cpp/lib/common/asio_dispatcher.h"
+#include "cpp/lib/common/logger_testing.h"
+#include "cpp/lib/rpc/asio_zel_provider.h"
+#include "fakes/fake_mp_client_layer.h"
+#include "orvane/zel/dorn/dorn_fabric_message.pb.h"
+
+namespace ZelDorn {
+namespace testing {
+
+class ManagerTestEnv {
+ public:
+  static constexpr const char* kHostId = "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d";
+
+  ManagerTestEnv() {
+    zel::log_testing::SetUpLoggerForTest("VERBOSE", "DEVLOG", "/nonexistent/zel_issue");
+    log_.Clear();
+
+    const char* path = getenv("PATH");
+    savedPath_ = path != nullptr ? path : "";
+    bin_ = dir_.path() + "/bin";
+    if (mkdir(bin_.c_str(), 0755) != 0) throw std::runtime_error("mkdir " + bin_);
+    AddStandin("rpmquery", "echo \"rpmquery $*\" >> '" + dir_.path() +
+                               "/calls'\n"
+                               "[ -f '" + dir_.path() + "/software_list' ] && cat '" +
+                               dir_.path() + "/software_list'\nexit 0\n");
+    setenv("PATH", (bin_ + ":" + savedPath_).c_str(), 1);
+
+    HostOperations::CreateInstance();
+    const std::string idScript = dir_.path() + "/host_id";
+    WriteExecutable(idScript, "#!/bin/sh\necho host_id >> '" + dir_.path() + "/calls'\necho " +
+                                  kHostId + "\n");
+    HostInfo::CreateInstance(idScript);
+    HostInfo::SetHostTypeForTest(kHostTypeRhel);
+
+    provider_ = zel::rpc::AsioZelProvider::Create(boost::property_tree::ptree());
+    layer_ = boost::make_shared<FakeMpClientLayer>();
+    handler_ = CommunicationHandler::CreateInstance(nullptr, provider_.get(), layer_);
+    // Start serves the provider on this thread; the queued stop ends that.
+    provider_->GetDispatcher()->Post([this] { provider_->Stop(); });
+    handler_->Start();
+    if (!layer_->client()) throw std::runtime_error("CommunicationHandler registered no client");
+    log_.Clear();
+  }
+
+  ~ManagerTestEnv() {
+    handler_->Stop();
+    handler_.reset();
+    CommunicationHandler::CreateInstance(nullptr, nullptr, nullptr);
+    provider_.reset();
+    setenv("PATH", savedPath_.c_str(), 1);
+  }
+
+  ManagerTestEnv(const ManagerTestEnv&) = delete;
+  ManagerTestEnv& operator=(const ManagerTestEnv&) = delete;
+
+  // The text that the next software list command prints.
+  void SetSoftwareList(const std::string& text) { dir_.WriteFile("software_list", text); }
+  // Number of software list commands run so far.
+  size_t SoftwareListRuns() const { return Calls("rpmquery"); }
+  // Number of runs of the host id script so far.
+  size_t HostIdRuns() const { return Calls("host_id"); }
+
+  void AddStandin(const std::string& name, const std::string& body) {
+    WriteExecutable(bin_ + "/" + name, "#!/bin/sh\n" + body);
+  }
+
+  // Records the managers sent, in order.
+  std::vector<SentMessage> Sent() const { return layer_->client()->Sent(); }
+  std::vector<orvane::zel::dorn::DornMessage> Answers() const {
+    std::vector<orvane::zel::dorn::DornMessage> answers;
+    for (const SentMessage& sent : Sent()) {
+      if (!sent.parsed) throw std::runtime_error("sent payload is no DornMessage");
+      answers.push_back(sent.message);
+    }
+    return answers;
+  }
+  // The one answer sent; throws unless exactly one was.
+  orvane::zel::dorn::DornMessage OnlyAnswer() const {
+    auto answers = Answers();
+    if (answers.size() != 1) {
+      throw std::runtime_error("expected one answer, got " + std::to_string(answers.size()));
+    }
+    return answers.front();
+  }
+  void ClearSent() { layer_->client()->ClearSent(); }
+
+  LogCapture& log() { return log_; }
+  const TempDir& dir() const { return dir_; }
+
+ private:
+  size_t Calls(const std::string& name) const {
+    const std::string calls = TempDir::ReadFile(dir_.path() + "/calls");
+    size_t n = 0;
+    for (size_t at = calls.find(name); at != std::string::npos; at = calls.find(name, at + 1)) {
+      ++n;
+    }
+    return n;
+  }
+
+  static void WriteExecutable(const std::string& file, const std::string& text) {
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out || chmod(file.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + file);
+  }
+
+  LogCapture log_;
+  TempDir dir_;
+  std::string bin_;
+  std::string savedPath_;
+  boost::shared_ptr<zel::rpc::AsioZelProvider> provider_;
+  boost::shared_ptr<FakeMpClientLayer> layer_;
+  boost::shared_ptr<CommunicationHandler> handler_;
+};
+
+// A request of `type` with `operationId`; objects are added by the caller.
+inline orvane::zel::dorn::DornMessage Request(orvane::zel::dorn::MessageType type,
+                                              const std::string& operationId) {
+  orvane::zel::dorn::DornMessage request;
+  request.set_message_type(type);
+  request.set_operation_id(operationId);
+  return request;
+}
+
+}  // namespace testing
+}  // namespace ZelDorn
+
+#endif  // DORN_TESTS_CORE_MANAGER_TEST_SUPPORT_H_
