@@ -1,0 +1,216 @@
+#include "core/host_info.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/fake_host.h"
+#include "core/log_capture.h"
+
+namespace ZelDorn {
+namespace {
+
+using testing::FakeHost;
+
+class HostInfoTest : public ::testing::Test {
+ protected:
+  HostInfoTest() {
+    zel::log_testing::SetUpLoggerForTest("VERBOSE", "DEVLOG", "/nonexistent/zel_issue");
+    log_.Clear();  // the set-up's own complaints
+    HostInfo::SetHostTypeForTest(nullptr);
+  }
+  ~HostInfoTest() override { HostInfo::SetHostTypeForTest(nullptr); }
+
+  static std::string IdScript(const std::string& variant) {
+    return FakeHost::FakesDir() + "/id/get_mpa_node_uuid-" + variant;
+  }
+
+  testing::LogCapture log_;
+};
+
+struct Detection {
+  const char* fakes;
+  const char* type;
+  const char* line;
+};
+
+class HostTypeDetectionTest : public HostInfoTest,
+                              public ::testing::WithParamInterface<Detection> {};
+
+TEST_P(HostTypeDetectionTest, RecognisesTheHost) {
+  FakeHost host(GetParam().fakes);
+  EXPECT_EQ(HostInfo::InitVersionInfo(), 0);
+  // The very literal, not merely equal text: callers compare pointers.
+  EXPECT_EQ(HostInfo::GetHostType(), GetParam().type);
+  EXPECT_EQ(log_.Count(GetParam().line), 1u) << ::testing::PrintToString(log_.Lines());
+  EXPECT_EQ(log_.Count("level=\"ERROR\""), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AllTypes, HostTypeDetectionTest,
+    ::testing::Values(
+        Detection{"ubuntu", kHostTypeUbuntu, "] [InitVersionInfo] running on Ubuntu KVM...\n"},
+        Detection{"rhel", kHostTypeRhel, "] [InitVersionInfo] running on RedHat KVM...\n"},
+        Detection{"centos", kHostTypeCentos, "] [InitVersionInfo] running on CentOS KVM...\n"},
+        Detection{"sles", kHostTypeSles, "] [InitVersionInfo] running on SUSE KVM...\n"},
+        Detection{"ulm", kHostTypeUlm, "] [InitVersionInfo] running on ULM...\n"}),
+    [](const ::testing::TestParamInfo<Detection>& info) { return std::string(info.param.fakes); });
+
+TEST_F(HostInfoTest, UlmHostKeepsItsVersionAndAsksNoDistribution) {
+  FakeHost host("ulm");
+  ASSERT_EQ(HostInfo::InitVersionInfo(), 0);
+  EXPECT_EQ(HostInfo::GetHostVersion(), "7.0.3");
+  EXPECT_EQ(log_.Count("] [InitVersionInfo] ulm version:[7.0.3]\n"), 1u);
+  EXPECT_EQ(host.Calls(), std::vector<std::string>{"uname -s -r"});
+}
+
+TEST_F(HostInfoTest, LinuxAsksTheDistributionAndTakesTheFirstMarkerInTableOrder) {
+  FakeHost host("ubuntu");
+  host.AddTool("lsb_release", "echo SUSE-CentOS");
+  ASSERT_EQ(HostInfo::InitVersionInfo(), 0);
+  EXPECT_EQ(HostInfo::GetHostType(), kHostTypeCentos);
+  EXPECT_EQ(host.Calls(), std::vector<std::string>{"uname -s -r"});  // AddTool records nothing
+}
+
+TEST_F(HostInfoTest, UnknownLinuxLeavesTheTypeNullAndStillSucceeds) {
+  FakeHost host("ubuntu");
+  for (const char* lsb : {"echo Debian", "exit 1"}) {
+    SCOPED_TRACE(lsb);
+    log_.Clear();
+    host.AddTool("lsb_release", lsb);
+    EXPECT_EQ(HostInfo::InitVersionInfo(), 0);
+    EXPECT_EQ(HostInfo::GetHostType(), nullptr);
+    EXPECT_EQ(log_.Count("] [InitVersionInfo] running on unknown KVM...\n"), 1u);
+    EXPECT_EQ(log_.Count("level=\"ERROR\""), 0u);
+  }
+}
+
+TEST_F(HostInfoTest, UnameOutputMustBeTwoWordsUnderFiftyCharacters) {
+  FakeHost host("ubuntu");
+  // With its newline, 49 characters pass and 50 do not.
+  const std::string release48(48 - 6, 'r');
+  host.AddTool("uname", "echo 'Linux " + release48 + "'");
+  EXPECT_EQ(HostInfo::InitVersionInfo(), 0);
+  EXPECT_EQ(HostInfo::GetHostType(), kHostTypeUbuntu);
+
+  HostInfo::SetHostTypeForTest(nullptr);
+  const std::string release49(49 - 6, 'r');
+  for (const std::string& output : {"Linux " + release49, std::string("Linux"), std::string()}) {
+    SCOPED_TRACE(output);
+    log_.Clear();
+    host.AddTool("uname", "echo '" + output + "'");
+    EXPECT_EQ(HostInfo::InitVersionInfo(), -1);
+    EXPECT_EQ(HostInfo::GetHostType(), nullptr);
+    const auto lines = log_.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("level=\"ERROR\""), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("errorCode=\"MPA30011\""), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("] [InitVersionInfo] unrecognized uname output:[" + output + "\n]\n"),
+              std::string::npos)
+        << lines[0];
+  }
+}
+
+TEST_F(HostInfoTest, OtherKernelIsRejected) {
+  FakeHost host("ubuntu");
+  host.AddTool("uname", "echo 'Darwin 22.1.0'");
+  EXPECT_EQ(HostInfo::InitVersionInfo(), -1);
+  EXPECT_EQ(HostInfo::GetHostType(), nullptr);
+  EXPECT_EQ(log_.Count("errorCode=\"MPA30011\""), 1u);
+  EXPECT_EQ(log_.Count("] [InitVersionInfo] unrecognized host type:[Darwin]\n"), 1u);
+}
+
+TEST_F(HostInfoTest, CreateInstanceStartsWithoutIdAndDetectsTheType) {
+  FakeHost host("rhel");
+  HostInfo::CreateInstance(IdScript("valid"));
+  auto info = HostInfo::GetInstance();
+  ASSERT_NE(info, nullptr);
+  EXPECT_EQ(info, HostInfo::GetInstance());
+  EXPECT_EQ(HostInfo::GetHostType(), kHostTypeRhel);
+  // Detection alone does not ask for the id.
+  EXPECT_TRUE(host.Calls("get_mpa_node_uuid").empty());
+}
+
+TEST_F(HostInfoTest, RegisteredHostIdIsReadOnce) {
+  FakeHost host("ubuntu");
+  HostInfo::CreateInstance(IdScript("valid"));
+  auto info = HostInfo::GetInstance();
+  EXPECT_EQ(info->GetHostId(), "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b60");
+  EXPECT_EQ(info->GetHostId(), "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b60");
+  EXPECT_EQ(info->RefreshHostId(), 1);
+  EXPECT_EQ(host.Calls("get_mpa_node_uuid").size(), 1u);
+  EXPECT_EQ(log_.Count("Command Reply for ZEL CLI HOST ID command = "
+                       "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b60\n."),
+            1u);
+  EXPECT_EQ(log_.Count("] Host is registered with ID = 4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b60."),
+            1u);
+}
+
+TEST_F(HostInfoTest, UpperCaseIdWithWhiteSpaceIsTrimmedAndAccepted) {
+  FakeHost host("ubuntu");
+  HostInfo::CreateInstance(IdScript("upper"));
+  auto info = HostInfo::GetInstance();
+  EXPECT_EQ(info->RefreshHostId(), 1);
+  EXPECT_EQ(info->GetHostId(), "4C6F0A57-2B9E-4D1A-9C3E-7F5D2E8A1B60");
+  EXPECT_EQ(log_.Count("level=\"ERROR\""), 0u);
+}
+
+TEST_F(HostInfoTest, InvalidIdIsReportedOnceAndThenStands) {
+  FakeHost host("ubuntu");
+  HostInfo::CreateInstance(IdScript("invalid"));
+  auto info = HostInfo::GetInstance();
+  EXPECT_EQ(info->RefreshHostId(), 0);
+  EXPECT_EQ(info->GetHostId(), "abc");
+  EXPECT_EQ(info->RefreshHostId(), 1);
+  EXPECT_EQ(info->GetHostId(), "abc");
+  EXPECT_EQ(host.Calls("get_mpa_node_uuid").size(), 1u);
+  EXPECT_EQ(log_.Count("errorCode=\"MPA30001\""), 1u);
+  EXPECT_EQ(log_.Count("] Invalid Host ID found. ZEL-CLI provided abc is not valid UUID."), 1u);
+}
+
+TEST_F(HostInfoTest, UnreadableIdIsAskedForAgainAtEachUse) {
+  for (const char* variant : {"unregistered", "failing", "missing"}) {
+    SCOPED_TRACE(variant);
+    log_.Clear();
+    FakeHost host("ubuntu");
+    HostInfo::CreateInstance(IdScript(variant));
+    auto info = HostInfo::GetInstance();
+    EXPECT_EQ(info->GetHostId(), "");
+    EXPECT_EQ(info->RefreshHostId(), 0);
+    EXPECT_EQ(info->GetHostId(), "");
+    EXPECT_EQ(log_.Count("errorCode=\"MPA30002\""), 3u);
+    EXPECT_EQ(log_.Count("] Failed to get the ID for host, waiting for host registration to "
+                         "complete."),
+              3u);
+    EXPECT_EQ(log_.Count("Command Reply"), 0u);
+    if (std::string(variant) != "missing") {
+      EXPECT_EQ(host.Calls("get_mpa_node_uuid").size(), 3u);
+    }
+  }
+}
+
+TEST_F(HostInfoTest, UuidShapeIsCheckedExactly) {
+  // Each of these misses the shape by one character.
+  const char* bad[] = {
+      "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b6",    // 35 characters
+      "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1b600",  // 37 characters
+      "4c6f0a57x2b9e-4d1a-9c3e-7f5d2e8a1b60",   // no dash at 8
+      "4c6f0a57-2b9e-4d1a-9c3e-7f5d2e8a1g60",   // g is no digit
+      "4c6f0a5-72b9e-4d1a-9c3e-7f5d2e8a1b60",   // dash one early
+  };
+  FakeHost host("ubuntu");
+  host.AddTool("get_mpa_node_uuid", "cat \"$ZEL_FAKE_HOST_DIR/id\"");
+  for (const char* id : bad) {
+    SCOPED_TRACE(id);
+    host.WriteState("id", std::string(id) + "\n");
+    HostInfo::CreateInstance("get_mpa_node_uuid");
+    EXPECT_EQ(HostInfo::GetInstance()->RefreshHostId(), 0);
+  }
+  host.WriteState("id", "01234567-89ab-cdef-ABCD-EF0123456789\n");
+  HostInfo::CreateInstance("get_mpa_node_uuid");
+  EXPECT_EQ(HostInfo::GetInstance()->RefreshHostId(), 1);
+}
+
+}  // namespace
+}  // namespace ZelDorn
