@@ -106,7 +106,19 @@ class AgentLifecycleTest : public ::testing::Test {
     // A private directory: nothing the agent leaves behind (a core file)
     // reaches the machine's own.
     options.cwd = "/tmp";
-    return sandbox_->Spawn({DORN_HOST_AGENT}, options);
+    agent_ = &sandbox_->Spawn({DORN_HOST_AGENT}, options);
+    return *agent_;
+  }
+
+  // A sanitizer build of the agent reports on its standard error; the
+  // agent ends by signal in most cases here, so its exit code cannot tell.
+  void TearDown() override {
+    if (agent_ == nullptr) return;
+    const std::string err = agent_->Stderr();
+    for (const char* mark : {"ERROR: AddressSanitizer", "WARNING: ThreadSanitizer",
+                             "runtime error:", "ERROR: LeakSanitizer"}) {
+      EXPECT_EQ(err.find(mark), std::string::npos) << err;
+    }
   }
 
   // Waits until the agent serves: the provider has taken its signals.
@@ -118,6 +130,7 @@ class AgentLifecycleTest : public ::testing::Test {
   Sandbox& sb() { return *sandbox_; }
 
   std::unique_ptr<Sandbox> sandbox_;
+  Process* agent_ = nullptr;
 };
 
 TEST_F(AgentLifecycleTest, StartsInOrderAndWritesAFreshStatusFile) {
