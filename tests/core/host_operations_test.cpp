@@ -381,18 +381,5 @@ TEST_F(CreateUserModuleTest, FailuresExitWithTheirMessage) {
   }
 }
 
-TEST_F(HostOperationsTest, UpgradeOnlyLogs) {
-  host_.Upgrade("/tmp/pkg.upk", "--force");
-  EXPECT_EQ(log_.Count("] Upgrading with /tmp/pkg.upk (--force)"), 1u);
-}
-
-TEST_F(HostOperationsTest, InstanceIsProcessWide) {
-  HostOperations::CreateInstance();
-  auto first = HostOperations::GetInstance();
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(first, HostOperations::GetInstance());
-  EXPECT_EQ(first->softwareList(), "");
-}
-
 }  // namespace
 }  // namespace ZelDorn

@@ -167,11 +167,6 @@ TEST_F(ThreadTest, StartTwiceIsAProgrammingError) {
   thread.Join();  // already joined: returns at once
 }
 
-TEST_F(ThreadTest, NeverStartedThreadIsDestroyedWithoutWaiting) {
-  FunctionThread thread([](FunctionThread&) { FAIL() << "body must not run"; });
-  EXPECT_EQ(thread.name(), "FunctionThread");
-}
-
 using ThreadDeathTest = ThreadTest;
 
 TEST_F(ThreadDeathTest, OtherExceptionsEndTheProcess) {
