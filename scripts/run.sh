@@ -16,8 +16,9 @@
 #   scripts/run.sh --no-build   run with what is built
 #   JOBS=N scripts/run.sh       build with N jobs (default: nproc)
 #
-# Needs root (namespaces and mounts). Exit code: that of the relay, 0 when
-# every expected answer came and the wire layout was kept.
+# Needs root (namespaces and mounts); as another user it runs itself again
+# through sudo. Exit code: that of the relay, 0 when every expected answer
+# came and the wire layout was kept.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -33,7 +34,10 @@ for arg in "$@"; do
 done
 
 if [ "$(id -u)" -ne 0 ]; then
-  echo "run.sh: the sandbox needs root (namespaces and mounts); run it as root or with sudo" >&2
+  if command -v sudo >/dev/null 2>&1; then
+    exec sudo JOBS="${JOBS:-}" bash "$0" "$@"
+  fi
+  echo "run.sh: the sandbox needs root (namespaces and mounts); run it as root" >&2
   exit 1
 fi
 
@@ -141,11 +145,11 @@ dorn_fabric_object {
   runCommand { command: "/opt/dorn-demo/hello.sh && stat -c '%a %n' /opt/dorn-demo/hello.sh" }
 }
 
-# Track software: bash at its version, openssl at 0.9.8, one package not installed
+# Track software: bash at its version, coreutils at 1.0, one package not installed
 message_type: MT_INIT
 operation_id: "track-1"
 dorn_fabric_object { software { name: "bash" version: "$bash_version" } }
-dorn_fabric_object { software { name: "openssl" version: "0.9.8" } }
+dorn_fabric_object { software { name: "coreutils" version: "1.0" } }
 dorn_fabric_object { software { name: "zel-demo-agent-plugin" version: "1.0" } }
 
 # Ask how the tracked software stands (unmet packages are listed)
@@ -156,7 +160,7 @@ operation_id: "status-1"
 message_type: MT_FIND_MISSING_PACKAGES_FROM_LIST
 operation_id: "missing-1"
 dorn_fabric_object { findMissingPackagesFromList { name: "bash" } }
-dorn_fabric_object { findMissingPackagesFromList { name: "coreutils" } }
+dorn_fabric_object { findMissingPackagesFromList { name: "tar" } }
 dorn_fabric_object { findMissingPackagesFromList { name: "zel-demo-agent-plugin" } }
 
 # Get the SSH host RSA key
@@ -221,8 +225,10 @@ rc=$?
 set -e
 
 lines=$(wc -l < "$work/agent.log" 2>/dev/null || echo 0)
-echo "== agent log: $lines lines in $work/agent.log; its errors and warnings:"
-grep -E 'errorCode:|WARN|ERROR|CRIT' "$work/agent.log" 2>/dev/null | tail -n 15 | cut -c1-220 || true
+echo "== agent log: $lines lines in $work/agent.log; its warnings and errors:"
+# Level, error tag and text of each record, without the syslog header.
+grep -E 'level="(WARN|ERROR|CRIT)"' "$work/agent.log" 2>/dev/null | tail -n 15 |
+  sed -E 's/^.*level="([A-Z]+)"( errorCode="([^"]*)")?\] /  \1 \3 /' | cut -c1-200 || true
 if [ "$rc" -eq 0 ]; then
   echo "== done: every request was answered"
 else

@@ -16,8 +16,6 @@ namespace e2e {
 const char kInstalledPackages[] =
     "install ok installed bash 5.2.15-2\n"
     "install ok installed oldpkg 1.0\n"
-    "install ok installed libfoo 3.1\n"
-    "install ok installed zel-host-core 4.0.1\n"
     "deinstall ok config-files gonepkg 0.9\n";
 
 const char kHostCertificate[] =
@@ -42,7 +40,10 @@ std::string Standin(const std::string& name, const std::string& body) {
 }  // namespace
 
 AgentHarness::AgentHarness(AgentHarnessOptions options) : options_(std::move(options)) {
-  sandbox_ = std::make_unique<Sandbox>();
+  SandboxOptions sandbox_options;
+  sandbox_options.extra_standins = {std::string(ZEL_FAKE_HOSTS_DIR) + "/ubuntu/uname",
+                                    std::string(ZEL_FAKE_HOSTS_DIR) + "/ubuntu/lsb_release"};
+  sandbox_ = std::make_unique<Sandbox>(sandbox_options);
   Sandbox& sb = *sandbox_;
   sb.WriteFile("/etc/orvane/zel-dorn/dornConfig.ini", options_.config);
   sb.WriteFile("/etc/orvane/zel/host-cert.pem", kHostCertificate);
@@ -53,8 +54,6 @@ AgentHarness::AgentHarness(AgentHarnessOptions options) : options_(std::move(opt
   sb.WriteFile("/etc/init.d/brokensvc",
                Standin("brokensvc", "echo \"brokensvc: cannot $1\" >&2\nexit 1\n"), 0755);
 
-  sb.AddStandin("uname", Standin("uname", "echo 'Linux 6.1.0-e2e'\n"));
-  sb.AddStandin("lsb_release", Standin("lsb_release", "echo Ubuntu\n"));
   sb.AddStandin("dpkg-query", Standin("dpkg-query", std::string("printf '%s' '") +
                                                         kInstalledPackages + "'\n"));
   sb.AddStandin("openssl", Standin("openssl", "echo 'xxcryptedxx'\n"));

@@ -8,8 +8,8 @@
 //   auto a = h.Ask("message_type: MT_GET_RSA_KEY operation_id: \"k\"");
 //   ASSERT_TRUE(a) << h.Report();
 //
-// The host it shows the agent is an Ubuntu host: uname, lsb_release and
-// dpkg-query are stand-ins (kInstalledPackages is what dpkg-query lists), as
+// The host it shows the agent is an Ubuntu host: uname and lsb_release are
+// the fakes of tests/fakes/hosts/ubuntu, dpkg-query is a stand-in (kInstalledPackages is what dpkg-query lists), as
 // are the account commands (id, useradd, usermod, groupadd, userdel,
 // groupdel, openssl) and two services under /etc/init.d ("zelsvc" succeeds,
 // "brokensvc" fails). Every stand-in records its call in the sandbox's

@@ -5,6 +5,10 @@
 // the sandbox. The logic behind each operation in depth is the managers'
 // own tests' affair; here it is the road from the wire to the host and back.
 //
+// The operations in depth (every status, edge and stand-in call) are tested
+// through CommunicationHandler::Callback in communication_handler_inner.cpp;
+// this suite is the wire around them, one or two requests per type.
+//
 // One agent serves the whole suite; every test uses its own operation ids
 // and files, and the tests that change tracked software set it themselves.
 #include <chrono>
@@ -123,46 +127,25 @@ TEST_F(AgentOperationsTest, CorrelationIdAndReplyToShapeTheAnswerFrame) {
   EXPECT_EQ(m.operation_id(), "corr-3");
 }
 
-TEST_F(AgentOperationsTest, RunCommandStopsAtTheFirstFailure) {
-  DornMessage m = Ask(R"(message_type: MT_RUN_COMMAND operation_id: "run-1"
-      dorn_fabric_object { fabric_object_identifier: "r1" runCommand { command: "printf one" } }
-      dorn_fabric_object { fabric_object_identifier: "r2" runCommand { command: "echo two; exit 3" } }
-      dorn_fabric_object { fabric_object_identifier: "r3" runCommand { command: "touch /tmp/r3-ran" } })");
+TEST_F(AgentOperationsTest, RunCommandAnswersTheOutputOfEachCommand) {
+  const DornMessage m = Ask(R"(message_type: MT_RUN_COMMAND operation_id: "run-1"
+      dorn_fabric_object { fabric_object_identifier: "r1" runCommand { command: "printf 'a\\tb\\n'" } }
+      dorn_fabric_object { fabric_object_identifier: "r2" runCommand { command: "echo two; exit 3" } })");
+  EXPECT_EQ(m.message_type(), dorn::MT_OPERATION_STATUS);
   ASSERT_EQ(m.operation_status_size(), 2) << m.ShortDebugString();
-  ExpectStatus(m.operation_status(0), dorn::COMMAND_SUCCESS, "r1", "one");
+  ExpectStatus(m.operation_status(0), dorn::COMMAND_SUCCESS, "r1", "a\tb\n");
   ExpectStatus(m.operation_status(1), dorn::COMMAND_FAILED, "r2", "two\n");
-  EXPECT_FALSE(h_->sandbox().Exists("/tmp/r3-ran"));
-
-  m = Ask(R"(message_type: MT_RUN_COMMAND operation_id: "run-2"
-      dorn_fabric_object { fabric_object_identifier: "quiet" runCommand { command: "true" } })");
-  ASSERT_EQ(m.operation_status_size(), 1);
-  EXPECT_TRUE(m.operation_status(0).has_message());
-  ExpectStatus(m.operation_status(0), dorn::COMMAND_SUCCESS, "quiet", "");
-
-  m = Ask("message_type: MT_RUN_COMMAND operation_id: \"run-3\"");
-  EXPECT_EQ(m.operation_status_size(), 0);
 }
 
-TEST_F(AgentOperationsTest, FileCopyWritesUntilTheFirstFailure) {
-  DornMessage m = Ask(R"(message_type: MT_FILE_COPY operation_id: "copy-1"
-      dorn_fabric_object { fabric_object_identifier: "f1"
-                           fileCopy { file: "/opt/e2e/copy/one.txt" data: "first" } }
-      dorn_fabric_object { fabric_object_identifier: "f2"
-                           fileCopy { file: "relative.txt" data: "second" } }
-      dorn_fabric_object { fabric_object_identifier: "f3"
-                           fileCopy { file: "/opt/e2e/copy/three.txt" data: "third" } })");
-  ASSERT_EQ(m.operation_status_size(), 1);
-  ExpectStatus(m.operation_status(0), dorn::FILE_COPY_FAILED, "f2", "Provide absolute path");
-  EXPECT_EQ(h_->sandbox().ReadFile("/opt/e2e/copy/one.txt"), "first");
-  EXPECT_FALSE(h_->sandbox().Exists("/opt/e2e/copy/three.txt"));
-
-  m = Ask(R"(message_type: MT_FILE_COPY operation_id: "copy-2"
+TEST_F(AgentOperationsTest, FileCopyWritesTheBytesThatCameOverTheWire) {
+  const DornMessage m = Ask(R"(message_type: MT_FILE_COPY operation_id: "copy-1"
       dorn_fabric_object { fabric_object_identifier: "x"
-          fileCopy { file: "/opt/e2e/new/dir/run.sh" data: "#!/bin/sh\necho ran\n" make_executable: true } })");
+          fileCopy { file: "/opt/e2e/new/dir/run.sh" data: "#!/bin/sh\necho \"ran\"\n\303\251\n"
+                     make_executable: true } })");
   ASSERT_EQ(m.operation_status_size(), 1);
   EXPECT_EQ(m.operation_status(0).status(), dorn::FILE_COPY_SUCCESS);
-  EXPECT_FALSE(m.operation_status(0).has_fabric_object_identifier());
-  EXPECT_FALSE(m.operation_status(0).has_message());
+  EXPECT_EQ(h_->sandbox().ReadFile("/opt/e2e/new/dir/run.sh"),
+            "#!/bin/sh\necho \"ran\"\n\xc3\xa9\n");
   std::string mode;
   h_->sandbox().Run({"stat", "-c", "%a", "/opt/e2e/new/dir/run.sh"}, 10s, &mode);
   EXPECT_EQ(mode, "700\n");
@@ -172,8 +155,7 @@ TEST_F(AgentOperationsTest, TrackedSoftwareIsReportedByStatusRequests) {
   DornMessage m = Ask(R"(message_type: MT_INIT operation_id: "init-1"
       dorn_fabric_object { software { name: "bash" version: "5.2" } }
       dorn_fabric_object { software { name: "oldpkg" version: "2.0" } }
-      dorn_fabric_object { software { name: "missing-pkg" version: "1.0" } }
-      dorn_fabric_object { software { name: "gonepkg" version: "0.9" } })");
+      dorn_fabric_object { software { name: "missing-pkg" version: "1.0" } })");
   EXPECT_EQ(m.message_type(), dorn::MT_INIT);
   EXPECT_EQ(m.operation_id(), "init-1");
   EXPECT_EQ(m.dorn_fabric_object_size(), 0);
@@ -182,17 +164,12 @@ TEST_F(AgentOperationsTest, TrackedSoftwareIsReportedByStatusRequests) {
   m = Ask("message_type: MT_SOFTWARE_STATUS operation_id: \"status-1\"");
   EXPECT_EQ(m.message_type(), dorn::MT_OPERATION_STATUS);
   EXPECT_EQ(m.operation_status_size(), 0);
-  ASSERT_EQ(m.dorn_fabric_object_size(), 3) << m.ShortDebugString();
-  const auto& a = m.dorn_fabric_object(0).software();
-  EXPECT_EQ(a.name(), "oldpkg");
-  EXPECT_EQ(a.state(), dorn::INVALID_VERSION);
-  EXPECT_EQ(a.version(), "1.0");
+  ASSERT_EQ(m.dorn_fabric_object_size(), 2) << m.ShortDebugString();
+  EXPECT_EQ(m.dorn_fabric_object(0).software().name(), "oldpkg");
+  EXPECT_EQ(m.dorn_fabric_object(0).software().state(), dorn::INVALID_VERSION);
+  EXPECT_EQ(m.dorn_fabric_object(0).software().version(), "1.0");
   EXPECT_EQ(m.dorn_fabric_object(1).software().name(), "missing-pkg");
   EXPECT_EQ(m.dorn_fabric_object(1).software().state(), dorn::ABSENT);
-  EXPECT_EQ(m.dorn_fabric_object(1).software().version(), "");
-  // Listed by dpkg, but not "install ok installed".
-  EXPECT_EQ(m.dorn_fabric_object(2).software().name(), "gonepkg");
-  EXPECT_EQ(m.dorn_fabric_object(2).software().state(), dorn::ABSENT);
 
   // MT_INIT without an operation id clears the list and is not answered: the
   // next answer to arrive is the status request's, and it is empty.
@@ -205,40 +182,29 @@ TEST_F(AgentOperationsTest, TrackedSoftwareIsReportedByStatusRequests) {
   EXPECT_EQ(m.dorn_fabric_object_size(), 0);
 }
 
-TEST_F(AgentOperationsTest, MissingPackagesAreFoundInTheSoftwareList) {
+TEST_F(AgentOperationsTest, MissingPackagesAreAnsweredWithTheirOperands) {
   // A status request with something tracked reads the package list.
   Ask(R"(message_type: MT_INIT operation_id: "init-2" dorn_fabric_object { software { name: "bash" } })");
   Ask("message_type: MT_SOFTWARE_STATUS operation_id: \"status-3\"");
   const DornMessage m = Ask(R"(message_type: MT_FIND_MISSING_PACKAGES_FROM_LIST operation_id: "find-1"
       dorn_fabric_object { findMissingPackagesFromList { name: "bash" } }
-      dorn_fabric_object { findMissingPackagesFromList { name: "nope" } }
-      dorn_fabric_object { findMissingPackagesFromList { name: "zel-host" } })");
+      dorn_fabric_object { findMissingPackagesFromList { name: "nope" } })");
   EXPECT_EQ(m.message_type(), dorn::MT_OPERATION_STATUS);
   ASSERT_EQ(m.dorn_fabric_object_size(), 1) << m.ShortDebugString();
   EXPECT_EQ(m.dorn_fabric_object(0).findmissingpackagesfromlist().name(), "nope");
-  EXPECT_FALSE(m.dorn_fabric_object(0).has_software());
   Ask("message_type: MT_INIT operation_id: \"init-3\"");  // track nothing again
 }
 
 TEST_F(AgentOperationsTest, CreateUserRunsTheUbuntuScript) {
-  DornMessage m = Ask(R"(message_type: MT_CREATE_USER operation_id: "user-1"
+  const DornMessage m = Ask(R"(message_type: MT_CREATE_USER operation_id: "user-1"
       dorn_fabric_object { createOrDeleteUser { username: "alice" password: "s3cret" } })");
   ASSERT_EQ(m.operation_status_size(), 1);
   EXPECT_EQ(m.operation_status(0).status(), dorn::USER_CREATE_DELETE_SUCCESS);
-  EXPECT_FALSE(m.operation_status(0).has_message());
-  EXPECT_TRUE(Called("openssl", "openssl passwd -crypt s3cret"));
-  EXPECT_TRUE(Called("groupadd", "groupadd alice"));
   EXPECT_TRUE(Called("useradd", "useradd -m -p xxcryptedxx -g alice alice"));
   EXPECT_TRUE(Called("usermod", "usermod -aG sudo,syslog alice"));
-  EXPECT_TRUE(Calls("groupdel").empty());  // the rpm hosts' script only
-
-  m = Ask(R"(message_type: MT_CREATE_USER operation_id: "user-2"
-      dorn_fabric_object { createOrDeleteUser { username: "refused" password: "p" } })");
-  ASSERT_EQ(m.operation_status_size(), 1);
-  EXPECT_EQ(m.operation_status(0).status(), dorn::USER_CREATE_DELETE_FAILED);
 }
 
-TEST_F(AgentOperationsTest, RebootRunsTheRebootCommand) {
+TEST_F(AgentOperationsTest, RebootRunsTheRebootStandin) {
   const DornMessage m = Ask("message_type: MT_REBOOT_HOST operation_id: \"reboot-1\"");
   ASSERT_EQ(m.operation_status_size(), 1);
   EXPECT_EQ(m.operation_status(0).status(), dorn::COMMAND_SUCCESS);
@@ -250,17 +216,9 @@ TEST_F(AgentOperationsTest, CertificateAndKeyComeFromTheirFiles) {
   ASSERT_EQ(m.operation_status_size(), 1);
   ExpectStatus(m.operation_status(0), dorn::GET_CERTIFICATE_SUCCESS, "",
                zel::e2e::kHostCertificate);
-
   m = Ask("message_type: MT_GET_RSA_KEY operation_id: \"key-1\"");
   ASSERT_EQ(m.operation_status_size(), 1);
   ExpectStatus(m.operation_status(0), dorn::GET_CERTIFICATE_SUCCESS, "", zel::e2e::kSshRsaKey);
-
-  // Without the file: failed, and the shell's complaint is not in the answer.
-  ASSERT_TRUE(h_->sandbox().Run({"rm", "/etc/orvane/zel/host-cert.pem"}).Success());
-  m = Ask("message_type: MT_GET_CERTIFICATE operation_id: \"cert-2\"");
-  h_->sandbox().WriteFile("/etc/orvane/zel/host-cert.pem", zel::e2e::kHostCertificate);
-  ASSERT_EQ(m.operation_status_size(), 1);
-  ExpectStatus(m.operation_status(0), dorn::GET_CERTIFICATE_FAILED, "", "");
 }
 
 TEST_F(AgentOperationsTest, ServicesAreStoppedAndRestartedThroughInitScripts) {
@@ -270,22 +228,12 @@ TEST_F(AgentOperationsTest, ServicesAreStoppedAndRestartedThroughInitScripts) {
   EXPECT_EQ(m.operation_status(0).status(), dorn::COMMAND_SUCCESS);
   EXPECT_TRUE(Called("zelsvc", "zelsvc restart"));
 
-  // A stop reads its name from restartServices too.
+  // A stop reads its name from restartServices too; a failing script fails it.
   m = Ask(R"(message_type: MT_STOP_SERVICES operation_id: "svc-2"
-      dorn_fabric_object { fabric_object_identifier: "s1" restartServices { name: "zelsvc" } })");
-  ASSERT_EQ(m.operation_status_size(), 1);
-  EXPECT_EQ(m.operation_status(0).status(), dorn::COMMAND_SUCCESS);
-  EXPECT_TRUE(Called("zelsvc", "zelsvc stop"));
-
-  m = Ask(R"(message_type: MT_RESTART_SERVICES operation_id: "svc-3"
-      dorn_fabric_object { fabric_object_identifier: "s1" restartServices { name: "zelsvc" } }
       dorn_fabric_object { fabric_object_identifier: "s2" restartServices { name: "brokensvc" } })");
   ASSERT_EQ(m.operation_status_size(), 1);
   ExpectStatus(m.operation_status(0), dorn::COMMAND_FAILED, "s2", "");
-
-  m = Ask("message_type: MT_STOP_SERVICES operation_id: \"svc-4\"");
-  ASSERT_EQ(m.operation_status_size(), 1);
-  ExpectStatus(m.operation_status(0), dorn::COMMAND_FAILED, "", "");
+  EXPECT_TRUE(Called("brokensvc", "brokensvc stop"));
 }
 
 TEST_F(AgentOperationsTest, OperationStatusAndUnknownTypesGetNoOperation) {

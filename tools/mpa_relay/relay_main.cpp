@@ -96,7 +96,10 @@ const char kHelp[] =
     "  --malformed KIND     send a damaged frame on the current connection: garbage,\n"
     "                       bad-length, wrong-types, not-dorn, unknown-type,\n"
     "                       unknown-keys (answered), empty-doc, zero-length,\n"
-    "                       half-frame (then the relay closes the connection)\n"
+    "                       half-frame (then the relay closes the connection).\n"
+    "                       The agent may drop a connection on damaged input and\n"
+    "                       register again; requests sent on the old connection\n"
+    "                       before the relay sees it close are lost\n"
     "  --await-registration wait for a new registration\n"
     "Actions other than --send first wait for the answers in flight.\n"
     "\n"
@@ -752,17 +755,19 @@ int main(int argc, char** argv) {
   }
   char text[256];
   std::snprintf(text, sizeof text,
-                "done: %llu requests, %llu answers (%llu expected), %zu wire problems%s",
+                "done: %llu requests, %llu answers (%llu expected, %zu lost with closed "
+                "connections), %zu wire problems%s",
                 static_cast<unsigned long long>(relay.requests_sent()),
                 static_cast<unsigned long long>(got), static_cast<unsigned long long>(want),
-                problems, missing && script_given ? ", answers or steps missing" : "");
+                relay.lost_answers(), problems,
+                missing && script_given ? ", answers or steps missing" : "");
   char json[256];
   std::snprintf(json, sizeof json,
                 "{\"event\":\"done\",\"requests\":%llu,\"answers\":%llu,\"expected\":%llu,"
-                "\"problems\":%zu,\"complete\":%s}",
+                "\"lost\":%zu,\"problems\":%zu,\"complete\":%s}",
                 static_cast<unsigned long long>(relay.requests_sent()),
                 static_cast<unsigned long long>(got), static_cast<unsigned long long>(want),
-                problems, missing && script_given ? "false" : "true");
+                relay.lost_answers(), problems, missing && script_given ? "false" : "true");
   printer.Summary(text, json);
 
   if (script_given && (missing || step_failed)) return kExitMissing;
