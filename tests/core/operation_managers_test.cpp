@@ -143,11 +143,7 @@ TEST_F(OperationManagersTest, CopyStopsAtTheFirstFailureAndKeepsEarlierFiles) {
   EXPECT_EQ(status.message(), "Not a directory");
   EXPECT_EQ(answer.dorn_fabric_object_size(), 0);
 
-  EXPECT_EQ(env_.log().Count("Processing CopyFiles request having operation Id: copy-1"), 1u);
-  EXPECT_EQ(env_.log().Count("Copy 3 file(s)."), 1u);
-  EXPECT_EQ(env_.log().Count("Copy file " + Path("third.txt")), 0u);
   EXPECT_EQ(env_.log().Count("Copy file f2 failed (Not a directory)."), 1u);
-  EXPECT_EQ(env_.log().Count("Sending CopyFiles response having operation Id: copy-1"), 1u);
 }
 
 TEST_F(OperationManagersTest, CopySuccessCarriesNoOtherFieldAndSetsOwnerOnlyModeOnRequest) {
@@ -198,12 +194,6 @@ TEST_F(OperationManagersTest, CommandsStopAfterTheFirstFailureWhichIsTheLastStat
   EXPECT_EQ(answer.operation_status(1).status(), orvane::zel::dorn::COMMAND_FAILED);
   EXPECT_EQ(answer.operation_status(1).fabric_object_identifier(), "c2");
   EXPECT_EQ(answer.operation_status(1).message(), "two\n");
-
-  EXPECT_EQ(env_.log().Count("Processing PerformRpc request having operation Id: rpc-1"), 1u);
-  EXPECT_EQ(env_.log().Count("Run 3 command(s)."), 1u);
-  EXPECT_EQ(env_.log().Count("Run command echo one."), 1u);
-  EXPECT_EQ(env_.log().Count("Send response for rpc request."), 1u);
-  EXPECT_EQ(env_.log().Count("Sending PerformRpc response having operation Id: rpc-1"), 1u);
 }
 
 TEST_F(OperationManagersTest, SilentCommandGivesAPresentEmptyMessage) {
@@ -237,9 +227,7 @@ TEST_F(OperationManagersTest, CreateUserWithoutObjectFailsWithoutRunningAnything
   EXPECT_FALSE(status.has_message());
 
   EXPECT_EQ(env_.log().Count("CreateUser request has no user object. operation Id: user-1"), 1u);
-  EXPECT_EQ(env_.log().Count("Creating user with"), 0u);
   EXPECT_EQ(env_.log().Count("Running command"), 0u);
-  EXPECT_EQ(env_.log().Count("Inside CreateUser Sending response. operation Id: user-1"), 1u);
 }
 
 }  // namespace

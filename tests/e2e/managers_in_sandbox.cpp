@@ -95,12 +95,6 @@ TEST_F(ManagersInSandboxTest, RebootRunsRebootAndReportsItsExitCodeAndOutput) {
   const auto calls = Lines(kSandboxCalls);
   ASSERT_EQ(calls.size(), before + 1);
   EXPECT_EQ(calls.back(), "reboot");
-  EXPECT_EQ(env_.log().Count("Processing hostOperations.RebootHost request having operation Id: "
-                             "reboot-1"),
-            1u);
-  EXPECT_EQ(env_.log().Count("Sending hostOperations.RebootHost response having operation Id: "
-                             "reboot-1"),
-            1u);
 
   // A reboot that fails: COMMAND_FAILED with what it printed.
   env_.ClearSent();
@@ -136,14 +130,7 @@ TEST_F(ManagersInSandboxTest, CertificateAndKeyAreReadFromTheirFilesAndFailEmpty
     EXPECT_EQ(status.status(), orvane::zel::dorn::GET_CERTIFICATE_SUCCESS);
     EXPECT_EQ(status.message(), text);
     EXPECT_FALSE(status.has_fabric_object_identifier());
-    EXPECT_EQ(env_.log().Count(std::string("Processing hostOperations.") + c.name +
-                               " request having operation Id: read-1"),
-              1u);
     EXPECT_EQ(env_.log().Count(std::string("Invoking ") + c.command), 1u);
-    EXPECT_EQ(env_.log().Count("ret is 0  result=-----BEGIN"), 1u);
-    EXPECT_EQ(env_.log().Count(std::string("Sending hostOperations.") + c.name +
-                               " response having operation Id: read-1"),
-              1u);
 
     // Missing: the shell's complaint goes to standard error, which is not
     // captured, so the message is present and empty.
@@ -184,10 +171,6 @@ TEST_F(ManagersInSandboxTest, CreateUserReadsTheFirstObjectAndReportsTheScriptsE
   EXPECT_NE(std::find(calls.begin(), calls.end(), "useradd -m -p crypted -g alice alice"),
             calls.end());
   for (const std::string& call : calls) EXPECT_EQ(call.find("mallory"), std::string::npos);
-  EXPECT_EQ(env_.log().Count("Inside CreateUser. operation Id: user-1"), 1u);
-  EXPECT_EQ(env_.log().Count("Creating user with username alice and password s3cret"), 1u);
-  EXPECT_EQ(env_.log().Count("ret by HostOperations::GetInstance()->CreateUser is 0"), 1u);
-  EXPECT_EQ(env_.log().Count("Setting request status as success"), 1u);
 
   // The script's last step fails: the whole operation fails.
   Standin("usermod", 6);
@@ -217,41 +200,23 @@ class ServicesInSandboxTest : public ManagersInSandboxTest {
   }
 };
 
-TEST_F(ServicesInSandboxTest, StopEndsAtTheFirstFailingScriptAndNamesItsObject) {
+TEST_F(ServicesInSandboxTest, RestartEndsAtTheFirstFailingScriptAndNamesItsObject) {
   InitScript("svc-one", 0);
   InitScript("svc-bad", 3);
   InitScript("svc-two", 0);
-  DornMessage request = Request(orvane::zel::dorn::MT_STOP_SERVICES, "stop-1");
+  DornMessage request = Request(orvane::zel::dorn::MT_RESTART_SERVICES, "restart-1");
   AddService(request, "s1", "svc-one");
   AddService(request, "s2", "svc-bad");
   AddService(request, "s3", "svc-two");
-  SoftwareManager::GetInstance()->StopServices(request, nullptr, nullptr);
+  SoftwareManager::GetInstance()->RestartServices(request, nullptr, nullptr);
 
-  EXPECT_EQ(Calls(), (std::vector<std::string>{"svc-one stop", "svc-bad stop"}));
+  EXPECT_EQ(Calls(), (std::vector<std::string>{"svc-one restart", "svc-bad restart"}));
   const OperationStatus status = OnlyStatus();
   EXPECT_EQ(status.status(), orvane::zel::dorn::COMMAND_FAILED);
   EXPECT_EQ(status.fabric_object_identifier(), "s2");
   // The failure text is logged, not sent.
   EXPECT_FALSE(status.has_message());
-  EXPECT_EQ(env_.log().Count("stop service svc-bad failed"), 1u);
-  EXPECT_EQ(env_.log().Count("Stop 3 service(s)."), 1u);
-  EXPECT_EQ(env_.log().Count("Stop service ret is 3."), 1u);
-}
-
-TEST_F(ServicesInSandboxTest, RestartRunsEveryScriptAndSucceeds) {
-  InitScript("svc-one", 0);
-  InitScript("svc-two", 0);
-  DornMessage request = Request(orvane::zel::dorn::MT_RESTART_SERVICES, "restart-1");
-  AddService(request, "s1", "svc-one");
-  AddService(request, "s2", "svc-two");
-  SoftwareManager::GetInstance()->RestartServices(request, nullptr, nullptr);
-
-  EXPECT_EQ(Calls(), (std::vector<std::string>{"svc-one restart", "svc-two restart"}));
-  const OperationStatus status = OnlyStatus();
-  EXPECT_EQ(status.status(), orvane::zel::dorn::COMMAND_SUCCESS);
-  EXPECT_FALSE(status.has_fabric_object_identifier());
-  EXPECT_EQ(env_.log().Count("Setting response as command succeeded for operation Id: restart-1"),
-            1u);
+  EXPECT_EQ(env_.log().Count("restart service svc-bad failed"), 1u);
 }
 
 TEST_F(ServicesInSandboxTest, StopReadsTheNameOnlyFromTheRestartOperand) {
