@@ -65,17 +65,4 @@ TEST_F(MpaClientLayerTest, RegisterLookupAndUnregisterGoThroughTheProcessWideCli
   EXPECT_FALSE(zel::MpaClient::GetMpaClient(kApp));
 }
 
-TEST_F(MpaClientLayerTest, OtherApplicationTypesGetNoClient) {
-  layer_.Register(dispatcher_, [](rmqClientMessage*) {}, "SwitchingVertical", "id", 1, 9002, 1, 1);
-  EXPECT_FALSE(layer_.Lookup("SwitchingVertical"));
-}
-
-// Until the RPC road exists the proxy client is the no-road stand-in, and it
-// says so rather than pretending to watch the proxy.
-TEST_F(MpaClientLayerTest, ProxyClientStartSaysThereIsNoProxyRoad) {
-  layer_.StartProxyClient();
-  const std::string line = LogWatch::Find("No TnProxy client in this build");
-  EXPECT_NE(line.find("subcomp=\"tnproxy-client\""), std::string::npos) << line;
-}
-
 }  // namespace
