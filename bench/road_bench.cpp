@@ -12,6 +12,7 @@
 // sandbox's network namespace. Needs root.
 //
 //   road_bench [--latency N] [--requests N] [--window N] [--pingpong N]
+//              [--log-level LEVEL]     (default INFO; ERROR shows the cost of the log)
 //
 // Targets: road median <= 1.5 x ping-pong median; >= 10,000 requests/s.
 #include <arpa/inet.h>
@@ -55,21 +56,55 @@ Figures Summarise(std::vector<double> v) {
 }
 
 // 64-byte ping-pong between this process and a forked echo process over
-// 127.0.0.1, blocking reads and writes, TCP_NODELAY on both ends.
-Figures PingPong(size_t rounds) {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof addr;
-  if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-      listen(listener, 1) != 0 ||
-      getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    std::perror("ping-pong listener");
-    std::exit(1);
+// 127.0.0.1, blocking reads and writes, TCP_NODELAY on both ends. The echo
+// process lives as long as the object, so that rounds can be interleaved
+// with the road's: both then see the machine in the same state (on a shared
+// or virtual machine the wake-up cost of an idle core moves both figures).
+class PingPong {
+ public:
+  PingPong() {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(listener, 1) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      std::perror("ping-pong listener");
+      std::exit(1);
+    }
+    child_ = fork();
+    if (child_ == 0) Echo(listener);
+    close(listener);
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    int one = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    if (connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      std::perror("ping-pong connect");
+      std::exit(1);
+    }
+    std::memset(buf_, 'p', sizeof buf_);
   }
-  const pid_t child = fork();
-  if (child == 0) {
+  ~PingPong() {
+    close(fd_);
+    waitpid(child_, nullptr, 0);
+  }
+  // One round trip, in microseconds.
+  double Round() {
+    const auto t0 = Clock::now();
+    if (write(fd_, buf_, sizeof buf_) != static_cast<ssize_t>(sizeof buf_)) std::exit(1);
+    size_t got = 0;
+    while (got < sizeof buf_) {
+      const ssize_t n = read(fd_, buf_ + got, sizeof buf_ - got);
+      if (n <= 0) std::exit(1);
+      got += static_cast<size_t>(n);
+    }
+    return std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
+  }
+
+ private:
+  [[noreturn]] static void Echo(int listener) {
     const int fd = accept(listener, nullptr, nullptr);
     int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -84,36 +119,11 @@ Figures PingPong(size_t rounds) {
       if (write(fd, buf, sizeof buf) != static_cast<ssize_t>(sizeof buf)) _exit(1);
     }
   }
-  close(listener);
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-    std::perror("ping-pong connect");
-    std::exit(1);
-  }
-  char buf[64];
-  std::memset(buf, 'p', sizeof buf);
-  std::vector<double> rtt;
-  rtt.reserve(rounds);
-  for (size_t i = 0; i < rounds + rounds / 10; ++i) {
-    const auto t0 = Clock::now();
-    if (write(fd, buf, sizeof buf) != static_cast<ssize_t>(sizeof buf)) break;
-    size_t got = 0;
-    while (got < sizeof buf) {
-      const ssize_t n = read(fd, buf + got, sizeof buf - got);
-      if (n <= 0) break;
-      got += static_cast<size_t>(n);
-    }
-    // The first tenth warms up.
-    if (i >= rounds / 10) {
-      rtt.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
-    }
-  }
-  close(fd);
-  waitpid(child, nullptr, 0);
-  return Summarise(std::move(rtt));
-}
+
+  pid_t child_ = -1;
+  int fd_ = -1;
+  char buf_[64];
+};
 
 class RoundTrips : public mpa_relay::RelayObserver {
  public:
@@ -128,24 +138,30 @@ class RoundTrips : public mpa_relay::RelayObserver {
   size_t problems = 0;
 };
 
-long Arg(int argc, char** argv, const char* name, long fallback) {
+const char* TextArg(int argc, char** argv, const char* name, const char* fallback) {
   for (int i = 1; i + 1 < argc; ++i) {
-    if (std::strcmp(argv[i], name) == 0) return std::atol(argv[i + 1]);
+    if (std::strcmp(argv[i], name) == 0) return argv[i + 1];
   }
   return fallback;
+}
+
+long Arg(int argc, char** argv, const char* name, long fallback) {
+  const char* text = TextArg(argc, argv, name, nullptr);
+  return text == nullptr ? fallback : std::atol(text);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const size_t latency_rounds = static_cast<size_t>(Arg(argc, argv, "--latency", 5000));
+  const size_t latency_rounds = static_cast<size_t>(Arg(argc, argv, "--latency", 10000));
   const uint64_t total = static_cast<uint64_t>(Arg(argc, argv, "--requests", 50000));
   const size_t window = static_cast<size_t>(Arg(argc, argv, "--window", 64));
   const size_t pingpong_rounds = static_cast<size_t>(Arg(argc, argv, "--pingpong", 20000));
+  const std::string log_level = TextArg(argc, argv, "--log-level", "INFO");
 
-  std::printf("raw TCP loopback ping-pong, 64 bytes, two processes: %zu rounds\n", pingpong_rounds);
-  const Figures floor = PingPong(pingpong_rounds);
-  std::printf("  median %.1f us, p99 %.1f us\n", floor.median_us, floor.p99_us);
+  PingPong ping;
+  for (int i = 0; i < 1000; ++i) ping.Round();  // warm-up
+  std::vector<double> floor_rtt;
 
   zel::e2e::Sandbox sb;
   sb.WriteFile("/etc/orvane/zel-dorn/dornConfig.ini",
@@ -179,9 +195,11 @@ int main(int argc, char** argv) {
   }
   zel::e2e::SpawnOptions spawn;
   spawn.name = "dorn-host-agent";
-  spawn.env["ZEL_LOG_LEVEL"] = "INFO";
+  spawn.env["ZEL_LOG_LEVEL"] = log_level;
   zel::e2e::Process& agent = sb.Spawn({DORN_AGENT_BINARY}, spawn);
-  std::printf("agent pid %d (log at INFO over UDP to the sandbox's collector)\n", agent.pid());
+  std::printf("agent pid %d (log at %s over UDP to the sandbox's collector)\n", agent.pid(),
+              log_level.c_str());
+  std::fflush(stdout);
   if (!relay.RunUntil([&] { return relay.current_connection() != 0; }, Clock::now() + 30s)) {
     std::fprintf(stderr, "road_bench: the agent did not register\n%s\n", sb.DebugReport().c_str());
     return 1;
@@ -206,17 +224,24 @@ int main(int argc, char** argv) {
     }
   }
 
-  // Latency: one request at a time.
-  observer.record = true;
-  for (size_t i = 0; i < latency_rounds; ++i) {
-    const uint64_t before = relay.answers_received();
-    relay.Send(request);
-    if (!relay.RunUntil([&] { return relay.answers_received() > before; }, Clock::now() + 10s)) {
-      std::fprintf(stderr, "road_bench: answer %zu missing\n", i);
-      return 1;
+  // Latency: one request at a time, in blocks that alternate with blocks of
+  // the ping-pong floor.
+  constexpr size_t kBlocks = 20;
+  for (size_t block = 0; block < kBlocks; ++block) {
+    for (size_t i = 0; i < pingpong_rounds / kBlocks; ++i) floor_rtt.push_back(ping.Round());
+    observer.record = true;
+    for (size_t i = 0; i < latency_rounds / kBlocks; ++i) {
+      const uint64_t before = relay.answers_received();
+      relay.Send(request);
+      if (!relay.RunUntil([&] { return relay.answers_received() > before; },
+                          Clock::now() + 10s)) {
+        std::fprintf(stderr, "road_bench: answer %zu missing\n", i);
+        return 1;
+      }
     }
+    observer.record = false;
   }
-  observer.record = false;
+  const Figures floor = Summarise(floor_rtt);
   const Figures road = Summarise(observer.rtt);
 
   // Throughput: `window` requests in flight.
@@ -235,6 +260,9 @@ int main(int argc, char** argv) {
   const uint64_t answered = relay.answers_received() - base;
   const double rate = static_cast<double>(answered) / secs;
 
+  std::printf("raw TCP loopback ping-pong, 64 bytes, two processes: %zu round trips, "
+              "median %.1f us, p99 %.1f us\n",
+              floor.samples, floor.median_us, floor.p99_us);
   std::printf("road relay -> agent -> relay, MT_SOFTWARE_STATUS, empty tracking list\n");
   std::printf("  one at a time: %zu round trips, median %.1f us, p99 %.1f us\n", road.samples,
               road.median_us, road.p99_us);
