@@ -43,6 +43,7 @@ class AgentConnectionTest : public ::testing::Test {
     for (const auto& p : a->problems) ADD_FAILURE() << "wire: " << p;
   }
   void TearDown() override {
+    EXPECT_EQ(h_.SanitizerReport(), "");
     if (h_.relay().registrations().empty()) return;
     EXPECT_TRUE(h_.agent().Running()) << h_.Report();
   }

@@ -191,6 +191,16 @@ std::optional<mpa_relay::Answer> AgentHarness::RequestAcrossReconnects(const std
   return std::nullopt;
 }
 
+std::string AgentHarness::SanitizerReport() const {
+  if (agent_ == nullptr) return "";
+  const std::string err = agent_->Stderr();
+  for (const char* mark : {"Sanitizer", "runtime error:"}) {
+    const size_t at = err.find(mark);
+    if (at != std::string::npos) return err.substr(err.rfind('\n', at) + 1, 2000);
+  }
+  return "";
+}
+
 std::string AgentHarness::Report() const {
   std::ostringstream out;
   out << "relay: " << relay_->registrations().size() << " registrations, "

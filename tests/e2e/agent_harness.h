@@ -94,6 +94,9 @@ class AgentHarness {
                                                            const AskOptions& ask = {},
                                                            Millis timeout = Millis(30000));
 
+  // Sanitizer reports in the agent's standard error ("" when none).
+  std::string SanitizerReport() const;
+
   // The sandbox's report and the relay's problems, for failure messages.
   std::string Report() const;
 
