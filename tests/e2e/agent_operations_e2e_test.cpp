@@ -42,7 +42,9 @@ class AgentOperationsTest : public ::testing::Test {
     registered_ = h_->WaitForRegistrations(1, 30s);
   }
   static void TearDownTestSuite() {
-    if (h_ != nullptr) EXPECT_EQ(h_->SanitizerReport(), "");
+    if (h_ != nullptr) {
+      EXPECT_EQ(h_->SanitizerReport(), "");
+    }
     delete h_;
     h_ = nullptr;
   }
