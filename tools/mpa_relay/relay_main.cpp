@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -243,7 +242,6 @@ class Printer : public mpa_relay::RelayObserver {
     Line(head);
     if (!quiet_) Raw(Indent(mpa_relay::MessageText(a.payload, false)));
   }
-  void OnOtherDocument(int connection, int64_t msg_type, const mpa_relay::Document&) override {}
   void OnClosed(int connection, bool by_peer, const std::string& reason) override {
     if (quiet_ && !by_peer) return;
     if (json_) {
