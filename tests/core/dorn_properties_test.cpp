@@ -50,14 +50,9 @@ TEST_F(DornPropertiesTest, RangeBoundsAreZeroAndThirtySixHundred) {
   EXPECT_EQ(p->GetAckTimeout(), 3600);
   EXPECT_EQ(p->GetUpdateCheckFrequency(), 0);
   EXPECT_EQ(p->GetMonitoringStartDelay(), 180);
-  // Out of range falls back silently.
-  EXPECT_TRUE(log_.Lines().empty());
-}
-
-TEST_F(DornPropertiesTest, NegativeValueGivesDefaultWithoutLine) {
-  auto p = Load("[Monitoring]\nupdateCheckFrequency=-5\nmonitoringStartDelay=-1\n");
+  // Out of range, negative included, falls back silently.
+  p = Load("[Monitoring]\nupdateCheckFrequency=-5\n");
   EXPECT_EQ(p->GetUpdateCheckFrequency(), 60);
-  EXPECT_EQ(p->GetMonitoringStartDelay(), 180);
   EXPECT_TRUE(log_.Lines().empty());
 }
 
@@ -70,24 +65,19 @@ TEST_F(DornPropertiesTest, NonNumberGivesDefaultAndLogs) {
   EXPECT_EQ(p->GetMonitoringStartDelay(), 180);
   const auto lines = log_.Lines();
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_NE(lines[0].find(kPropertyTag), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("level=\"ERROR\""), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("subcomp=\"zeldorn\""), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("level=\"ERROR\" errorCode=\"MPA30009\""), std::string::npos)
+      << lines[0];
   EXPECT_NE(lines[0].find("] Error occurred while loading property "
                           "Monitoring.updateCheckFrequency, setting it to default value 60"),
             std::string::npos)
       << lines[0];
-  EXPECT_NE(lines[1].find("property CommunicationHandler.ackTimeout, setting it to default "
-                          "value 300"),
-            std::string::npos)
-      << lines[1];
-  EXPECT_NE(lines[2].find("property Monitoring.monitoringStartDelay, setting it to default "
-                          "value 180"),
-            std::string::npos)
-      << lines[2];
+  EXPECT_NE(lines[1].find("CommunicationHandler.ackTimeout, setting it to default value 300"),
+            std::string::npos);
+  EXPECT_NE(lines[2].find("Monitoring.monitoringStartDelay, setting it to default value 180"),
+            std::string::npos);
 }
 
-TEST_F(DornPropertiesTest, MissingSectionLoadsAndLogsAtEachCall) {
+TEST_F(DornPropertiesTest, MissingSectionOrKeyLogsAtEachCall) {
   auto p = Load("[CommunicationHandler]\nackTimeout=5\n");
   EXPECT_EQ(p->GetAckTimeout(), 5);
   EXPECT_EQ(p->GetUpdateCheckFrequency(), 60);
@@ -95,20 +85,10 @@ TEST_F(DornPropertiesTest, MissingSectionLoadsAndLogsAtEachCall) {
   EXPECT_EQ(p->GetMonitoringStartDelay(), 180);
   EXPECT_EQ(log_.Count(kPropertyTag), 3u);
   EXPECT_EQ(log_.Count("Monitoring.updateCheckFrequency"), 2u);
-}
 
-TEST_F(DornPropertiesTest, EmptyFileGivesAllDefaults) {
-  auto p = Load("");
+  p = Load("");
   EXPECT_EQ(p->GetAckTimeout(), 300);
-  EXPECT_EQ(p->GetUpdateCheckFrequency(), 60);
-  EXPECT_EQ(p->GetMonitoringStartDelay(), 180);
-  EXPECT_EQ(log_.Count(kPropertyTag), 3u);
-}
-
-TEST_F(DornPropertiesTest, FileIsReadOnlyOnce) {
-  auto p = Load("[Monitoring]\nupdateCheckFrequency=10\n");
-  dir_.WriteFile("dornConfig.ini", "[Monitoring]\nupdateCheckFrequency=20\n");
-  EXPECT_EQ(p->GetUpdateCheckFrequency(), 10);
+  EXPECT_EQ(log_.Count(kPropertyTag), 1u);
 }
 
 TEST_F(DornPropertiesTest, MissingFileLogsClearsInstanceAndRethrows) {
@@ -118,28 +98,8 @@ TEST_F(DornPropertiesTest, MissingFileLogsClearsInstanceAndRethrows) {
   EXPECT_THROW(DornProperties::CreateInstance(missing),
                boost::property_tree::ini_parser_error);
   EXPECT_EQ(DornProperties::GetInstance(), nullptr);
-  const auto lines = log_.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find(kLoadFileTag), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("] Error occurred while loading properties file " + missing),
-            std::string::npos)
-      << lines[0];
-}
-
-TEST_F(DornPropertiesTest, UnparsableFileLogsClearsInstanceAndRethrows) {
-  const std::string bad[] = {
-      "[Monitoring\nupdateCheckFrequency=1\n",          // unterminated section
-      "[Monitoring]\nthis line has no equals sign\n",  // not key=value
-      "[Monitoring]\na=1\na=2\n",                       // duplicate key
-  };
-  for (const std::string& content : bad) {
-    const std::string path = dir_.WriteFile("bad.ini", content);
-    log_.Clear();
-    EXPECT_THROW(DornProperties::CreateInstance(path), boost::property_tree::ini_parser_error)
-        << content;
-    EXPECT_EQ(DornProperties::GetInstance(), nullptr) << content;
-    EXPECT_EQ(log_.Count(kLoadFileTag), 1u) << content;
-  }
+  EXPECT_EQ(log_.Count(kLoadFileTag), 1u);
+  EXPECT_EQ(log_.Count("] Error occurred while loading properties file " + missing), 1u);
 }
 
 }  // namespace

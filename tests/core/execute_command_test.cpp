@@ -45,7 +45,7 @@ class ExecuteCommandTest : public ::testing::Test {
   testing::LogCapture log_;
 };
 
-TEST_F(ExecuteCommandTest, CapturesOutputAndExitCode) {
+TEST_F(ExecuteCommandTest, CapturesOutputAndExitCodes) {
   std::string output = "stale";
   EXPECT_EQ(ExecuteCommand("printf 'one\\ntwo\\n'", output), 0);
   EXPECT_EQ(output, "one\ntwo\n");
@@ -53,50 +53,13 @@ TEST_F(ExecuteCommandTest, CapturesOutputAndExitCode) {
   EXPECT_EQ(ExecuteCommand("echo partial; exit 7", output), 7);
   EXPECT_EQ(output, "partial\n");
 
-  EXPECT_EQ(ExecuteCommand("exit 255", output), 255);
+  EXPECT_EQ(ExecuteCommand("echo hidden 1>&2; exit 255", output), 255);
   EXPECT_EQ(output, "");
-  EXPECT_TRUE(log_.Lines().empty());
-}
-
-TEST_F(ExecuteCommandTest, StandardErrorIsNotCapturedUnlessRedirected) {
-  std::string output;
-  EXPECT_EQ(ExecuteCommand("echo hidden 1>&2; echo shown", output), 0);
-  EXPECT_EQ(output, "shown\n");
-  EXPECT_EQ(ExecuteCommand("sh -c 'echo visible 1>&2' 2>&1", output), 0);
-  EXPECT_EQ(output, "visible\n");
-}
-
-TEST_F(ExecuteCommandTest, MissingCommandGivesShellCode127) {
-  std::string output;
-  EXPECT_EQ(ExecuteCommand("/nonexistent/dorn-no-such-command 2>/dev/null", output), 127);
   EXPECT_EQ(ExecuteCommand("dorn-no-such-command-xyz 2>/dev/null", output), 127);
-}
-
-TEST_F(ExecuteCommandTest, SignalKilledChildReadsAsZero) {
-  std::string output;
+  // A signal-killed child reads as 0.
   EXPECT_EQ(ExecuteCommand("echo before; kill -9 $$", output), 0);
   EXPECT_EQ(output, "before\n");
-  EXPECT_EQ(ExecuteCommand("kill -TERM $$", output), 0);
-}
-
-TEST_F(ExecuteCommandTest, LongLinesArriveWhole) {
-  std::string output;
-  // 1023 bytes fill one read exactly; 1024 and 5000 need joining.
-  for (int length : {1023, 1024, 5000}) {
-    const std::string command =
-        "head -c " + std::to_string(length) + " /dev/zero | tr '\\0' x; echo";
-    ASSERT_EQ(ExecuteCommand(command, output), 0);
-    EXPECT_EQ(output, std::string(length, 'x') + "\n") << length;
-  }
-}
-
-TEST_F(ExecuteCommandTest, LargeOutputIsComplete) {
-  std::string output;
-  ASSERT_EQ(ExecuteCommand("seq 1 200000", output), 0);
-  std::string expected;
-  for (int i = 1; i <= 200000; ++i) expected += std::to_string(i) + "\n";
-  EXPECT_EQ(output.size(), expected.size());
-  EXPECT_TRUE(output == expected);
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(ExecuteCommandTest, RunsOnSeveralThreadsAtOnce) {
@@ -160,9 +123,6 @@ TEST_F(ExecuteCommandTest, InputReachesTheCommand) {
   EXPECT_EQ(error, "");
   EXPECT_TRUE(testing::TempDir::ReadFile(file) == input);
 
-  EXPECT_EQ(ExecuteCommandWithInput("read first; test \"$first\" = hello && exit 5", "hello\n",
-                                    error),
-            5);
   EXPECT_EQ(ExecuteCommandWithInput("dorn-no-such-command-xyz 2>/dev/null", "", error), 127);
   EXPECT_TRUE(log_.Lines().empty());
 }

@@ -1,12 +1,7 @@
-// Test helper: makes the agent's host commands meet the stand-ins of one host
-// type (tests/fakes/hosts/<type>/) for the life of the object.
-//
-// PATH becomes <private bin>:<fakes>/<type>:<old PATH>, so a test can shadow
-// a single tool with AddTool. ZEL_FAKE_HOST_DIR names a private state
-// directory where the stand-ins record their calls (calls.log) and read
-// their inputs (packages, advcfg/, zelcli.rc). Both variables are restored
-// and the directories removed at the end. One FakeHost at a time; the
-// environment is process-wide.
+// Test helper: while it lives, PATH is <private bin>:tests/fakes/hosts/<type>:
+// <old PATH>, and ZEL_FAKE_HOST_DIR a private state directory where the
+// stand-ins record calls (calls.log) and read inputs (packages, advcfg/,
+// zelcli.rc). One at a time: the environment is process-wide.
 #ifndef DORN_TESTS_CORE_FAKE_HOST_H_
 #define DORN_TESTS_CORE_FAKE_HOST_H_
 

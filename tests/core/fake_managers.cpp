@@ -22,7 +22,6 @@ namespace {
 std::mutex g_mutex;
 std::vector<ManagerCall> g_calls;
 int g_forcePublishes = 0;
-bool g_answer = true;
 
 void Record(const char* operation, const DornMessage& request, const char* replyTo,
             const char* correlationId) {
@@ -33,13 +32,10 @@ void Record(const char* operation, const DornMessage& request, const char* reply
   call.correlationId = correlationId;
   if (replyTo != nullptr) call.replyToText = replyTo;
   if (correlationId != nullptr) call.correlationIdText = correlationId;
-  bool answer;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
     g_calls.push_back(std::move(call));
-    answer = g_answer;
   }
-  if (!answer) return;
   DornMessage reply;
   reply.set_message_type(orvane::zel::dorn::MT_OPERATION_STATUS);
   reply.set_operation_id(request.operation_id());
@@ -70,13 +66,8 @@ void ResetManagers() {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_calls.clear();
   g_forcePublishes = 0;
-  g_answer = true;
 }
 
-void SetManagersAnswer(bool answer) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_answer = answer;
-}
 
 void CreateManagers() {
   FileCopyManager::CreateInstance();
@@ -98,82 +89,38 @@ void DestroyManagers() {
 
 using testing::Record;
 
-boost::shared_ptr<FileCopyManager> FileCopyManager::CreateInstance() {
-  testing::g_fileCopy.reset(new FileCopyManager());
-  return testing::g_fileCopy;
-}
-boost::shared_ptr<FileCopyManager> FileCopyManager::GetInstance() { return testing::g_fileCopy; }
-void FileCopyManager::CopyFiles(const DornMessage& request, const char* replyTo,
-                                const char* correlationId) {
-  Record("FileCopyManager::CopyFiles", request, replyTo, correlationId);
-}
+// Singleton plumbing and one recording operation per manager method.
+#define DORN_FAKE_INSTANCE(Type, slot)                                          \
+  boost::shared_ptr<Type> Type::CreateInstance() {                             \
+    testing::slot.reset(new Type());                                           \
+    return testing::slot;                                                      \
+  }                                                                            \
+  boost::shared_ptr<Type> Type::GetInstance() { return testing::slot; }
+#define DORN_FAKE_OPERATION(Type, Method)                                      \
+  void Type::Method(const DornMessage& request, const char* replyTo,           \
+                    const char* correlationId) {                               \
+    Record(#Type "::" #Method, request, replyTo, correlationId);               \
+  }
 
-boost::shared_ptr<RpcManager> RpcManager::CreateInstance() {
-  testing::g_rpc.reset(new RpcManager());
-  return testing::g_rpc;
-}
-boost::shared_ptr<RpcManager> RpcManager::GetInstance() { return testing::g_rpc; }
-void RpcManager::PerformRpc(const DornMessage& request, const char* replyTo,
-                            const char* correlationId) {
-  Record("RpcManager::PerformRpc", request, replyTo, correlationId);
-}
-
-boost::shared_ptr<UserManager> UserManager::CreateInstance() {
-  testing::g_user.reset(new UserManager());
-  return testing::g_user;
-}
-boost::shared_ptr<UserManager> UserManager::GetInstance() { return testing::g_user; }
-void UserManager::CreateUser(const DornMessage& request, const char* replyTo,
-                             const char* correlationId) {
-  Record("UserManager::CreateUser", request, replyTo, correlationId);
-}
-
-boost::shared_ptr<HostManager> HostManager::CreateInstance() {
-  testing::g_host.reset(new HostManager());
-  return testing::g_host;
-}
-boost::shared_ptr<HostManager> HostManager::GetInstance() { return testing::g_host; }
-void HostManager::RebootHost(const DornMessage& request, const char* replyTo,
-                             const char* correlationId) {
-  Record("HostManager::RebootHost", request, replyTo, correlationId);
-}
-void HostManager::GetCertificate(const DornMessage& request, const char* replyTo,
-                                 const char* correlationId) {
-  Record("HostManager::GetCertificate", request, replyTo, correlationId);
-}
-void HostManager::GetRsaKey(const DornMessage& request, const char* replyTo,
-                            const char* correlationId) {
-  Record("HostManager::GetRsaKey", request, replyTo, correlationId);
-}
+DORN_FAKE_INSTANCE(FileCopyManager, g_fileCopy)
+DORN_FAKE_OPERATION(FileCopyManager, CopyFiles)
+DORN_FAKE_INSTANCE(RpcManager, g_rpc)
+DORN_FAKE_OPERATION(RpcManager, PerformRpc)
+DORN_FAKE_INSTANCE(UserManager, g_user)
+DORN_FAKE_OPERATION(UserManager, CreateUser)
+DORN_FAKE_INSTANCE(HostManager, g_host)
+DORN_FAKE_OPERATION(HostManager, RebootHost)
+DORN_FAKE_OPERATION(HostManager, GetCertificate)
+DORN_FAKE_OPERATION(HostManager, GetRsaKey)
 
 SoftwareManager::SoftwareManager() = default;
 SoftwareManager::~SoftwareManager() = default;
-boost::shared_ptr<SoftwareManager> SoftwareManager::CreateInstance() {
-  testing::g_software.reset(new SoftwareManager());
-  return testing::g_software;
-}
-boost::shared_ptr<SoftwareManager> SoftwareManager::GetInstance() { return testing::g_software; }
-void SoftwareManager::AppInit(const DornMessage& request, const char* replyTo,
-                              const char* correlationId) {
-  Record("SoftwareManager::AppInit", request, replyTo, correlationId);
-}
-void SoftwareManager::SoftwareStatus(const DornMessage& request, const char* replyTo,
-                                     const char* correlationId) {
-  Record("SoftwareManager::SoftwareStatus", request, replyTo, correlationId);
-}
-void SoftwareManager::StopServices(const DornMessage& request, const char* replyTo,
-                                   const char* correlationId) {
-  Record("SoftwareManager::StopServices", request, replyTo, correlationId);
-}
-void SoftwareManager::RestartServices(const DornMessage& request, const char* replyTo,
-                                      const char* correlationId) {
-  Record("SoftwareManager::RestartServices", request, replyTo, correlationId);
-}
-void SoftwareManager::FindMissingPackagesFromList(const DornMessage& request,
-                                                  const char* replyTo,
-                                                  const char* correlationId) {
-  Record("SoftwareManager::FindMissingPackagesFromList", request, replyTo, correlationId);
-}
+DORN_FAKE_INSTANCE(SoftwareManager, g_software)
+DORN_FAKE_OPERATION(SoftwareManager, AppInit)
+DORN_FAKE_OPERATION(SoftwareManager, SoftwareStatus)
+DORN_FAKE_OPERATION(SoftwareManager, StopServices)
+DORN_FAKE_OPERATION(SoftwareManager, RestartServices)
+DORN_FAKE_OPERATION(SoftwareManager, FindMissingPackagesFromList)
 
 // The Monitor's thread is never started here; only the force-publish request
 // of MT_INIT is observed.

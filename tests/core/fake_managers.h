@@ -1,11 +1,8 @@
 // Link-time stand-ins for the operation managers and the Monitor, for tests
-// of CommunicationHandler's dispatch. A test binary that compiles
-// fake_managers.cpp instead of linking the managers' sources gets managers
-// that run no host command: each operation records its call and, when
-// answering is on, sends MakeAnswer(request) with one status naming the
-// operation, through CommunicationHandler::SendMsg with the pointers it got.
-//
-// Threads: the record is guarded by a mutex; tests read it after the call.
+// of CommunicationHandler's dispatch: each operation runs no host command; it
+// records its call and answers with one status naming the operation, through
+// CommunicationHandler::SendMsg with the pointers it got. The record is
+// guarded by a mutex; tests read it after the call.
 #ifndef DORN_TESTS_CORE_FAKE_MANAGERS_H_
 #define DORN_TESTS_CORE_FAKE_MANAGERS_H_
 
@@ -30,10 +27,8 @@ struct ManagerCall {
 std::vector<ManagerCall> ManagerCalls();
 // Number of Monitor::ForcePublish calls since the last Reset.
 int ForcePublishCalls();
-// Clears the record and turns answering on.
+// Clears the record.
 void ResetManagers();
-// Whether the fake operations send an answer.
-void SetManagersAnswer(bool answer);
 // Creates every manager instance.
 void CreateManagers();
 // Drops every manager instance.

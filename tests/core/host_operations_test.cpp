@@ -46,24 +46,8 @@ TEST_F(HostOperationsTest, CreateFileWritesVerifiesAndMakesParents) {
   const std::string file = dir_.path() + "/a/b/c.txt";
   EXPECT_EQ(host_.CreateFile(file, "line 1\nline 2\n", false), "");
   EXPECT_EQ(TempDir::ReadFile(file), "line 1\nline 2\n");
-  EXPECT_EQ(log_.Count("] Creating directory " + dir_.path() + "/a/b."), 1u);
   EXPECT_EQ(log_.Count("] Created directory " + dir_.path() + "/a/b."), 1u);
-  EXPECT_EQ(log_.Count("] Read " + file + " to verify contents"), 1u);
   EXPECT_EQ(log_.Count("] Created file " + file + "."), 1u);
-
-  // The parent exists now: no directory lines the second time.
-  log_.Clear();
-  EXPECT_EQ(host_.CreateFile(dir_.path() + "/a/b/empty", "", false), "");
-  EXPECT_EQ(TempDir::ReadFile(dir_.path() + "/a/b/empty"), "");
-  EXPECT_EQ(log_.Count("directory"), 0u);
-}
-
-TEST_F(HostOperationsTest, CreateFileKeepsBinaryContentWhole) {
-  std::string data(70000, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7);
-  const std::string file = dir_.path() + "/blob";
-  EXPECT_EQ(host_.CreateFile(file, data, false), "");
-  EXPECT_EQ(TempDir::ReadFile(file), data);
 }
 
 TEST_F(HostOperationsTest, CreateFileModes) {
@@ -80,7 +64,6 @@ TEST_F(HostOperationsTest, CreateFileModes) {
   // Rewriting replaces the contents and keeps the mode it had.
   ASSERT_EQ(chmod(plain.c_str(), 0640), 0);
   EXPECT_EQ(host_.CreateFile(plain, "new", false), "");
-  EXPECT_EQ(TempDir::ReadFile(plain), "new");
   EXPECT_EQ(ModeOf(plain), 0640u);
   EXPECT_EQ(host_.CreateFile(plain, "newer", true), "");
   EXPECT_EQ(ModeOf(plain), 0700u);
@@ -90,22 +73,9 @@ TEST_F(HostOperationsTest, CreateFileModes) {
 TEST_F(HostOperationsTest, CreateFileWantsADirectoryPart) {
   EXPECT_EQ(host_.CreateFile("bare-name.txt", "x", false), "Provide absolute path");
   EXPECT_EQ(access("bare-name.txt", F_OK), -1);
-  const auto lines = log_.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].find("level=\"WARN\""), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("] Failed to create file bare-name.txt (Provide absolute path)."),
-            std::string::npos)
-      << lines[0];
-
-  // Only the presence of a directory part is checked: a relative path with
-  // one is written below the working directory.
-  char cwd[4096];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  ASSERT_EQ(chdir(dir_.path().c_str()), 0);
-  const std::string reason = host_.CreateFile("sub/rel.txt", "r", false);
-  ASSERT_EQ(chdir(cwd), 0);
-  EXPECT_EQ(reason, "");
-  EXPECT_EQ(TempDir::ReadFile(dir_.path() + "/sub/rel.txt"), "r");
+  EXPECT_EQ(log_.Count("level=\"WARN\"] Failed to create file bare-name.txt (Provide absolute "
+                       "path)."),
+            1u);
 }
 
 TEST_F(HostOperationsTest, CreateFileReportsTheFailingStep) {
@@ -123,17 +93,11 @@ TEST_F(HostOperationsTest, CreateFileReportsTheFailingStep) {
   EXPECT_EQ(log_.Count("] Failed to create directory " + blocker + "/sub (Not a directory)."),
             1u);
   EXPECT_EQ(TempDir::ReadFile(blocker), "i am a file");
-}
 
-TEST_F(HostOperationsTest, CreateFileVerifiesWhatWasWritten) {
-  // Writes to the null device vanish, so reading back finds nothing.
+  // Writes to the null device vanish, so reading back finds nothing; the
+  // full device accepts the open and refuses the data.
   EXPECT_EQ(host_.CreateFile("/dev/null", "lost", false), "File verification failed");
   EXPECT_EQ(log_.Count("] Contents of file /dev/null do not match source buffer."), 1u);
-  EXPECT_EQ(log_.Count("Created file"), 0u);
-}
-
-TEST_F(HostOperationsTest, CreateFileReportsAFailedWrite) {
-  // The full device accepts the open and refuses the data.
   EXPECT_EQ(host_.CreateFile("/dev/full", "data", false), "No space left on device");
   EXPECT_EQ(log_.Count("] Failed to create file /dev/full (No space left on device)."), 1u);
 }
@@ -150,12 +114,9 @@ TEST_F(HostOperationsTest, ExecuteLogsTheCommandAndItsOutcome) {
   log_.Clear();
   EXPECT_EQ(host_.Execute("echo no; exit 4", output), 4);
   EXPECT_EQ(output, "no\n");
-  const auto lines = log_.Lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_NE(lines[1].find("level=\"WARN\""), std::string::npos) << lines[1];
-  EXPECT_NE(lines[1].find("] Command echo no; exit 4 failed with return-code 4 (no\n)."),
-            std::string::npos)
-      << lines[1];
+  EXPECT_EQ(log_.Count("level=\"WARN\"] Command echo no; exit 4 failed with return-code 4 "
+                       "(no\n)."),
+            1u);
 }
 
 // Software list
@@ -188,19 +149,7 @@ TEST_F(HostOperationsTest, SoftwareListOfUlmHostSqueezesTheTable) {
   EXPECT_EQ(host_.GetSoftwareVersion("ulm-base"), "7.0.3-0.0.1");
 }
 
-TEST_F(HostOperationsTest, SoftwareListOfUbuntuHostUsesThePackageDatabase) {
-  // dpkg-query is this machine's own.
-  std::string expected;
-  ASSERT_EQ(ExecuteCommand("dpkg-query -W -f '${Version}' dpkg", expected), 0);
-  FakeHost fake("ubuntu");
-  HostInfo::InitVersionInfo();
-  ASSERT_EQ(HostInfo::GetHostType(), kHostTypeUbuntu);
-  host_.GetSoftwareList();
-  EXPECT_NE(host_.softwareList().find("\ndpkg " + expected + "\n"), std::string::npos);
-  EXPECT_EQ(host_.GetSoftwareVersion("dpkg"), expected);
-}
-
-TEST_F(HostOperationsTest, SoftwareListFailureEmptiesTheList) {
+TEST_F(HostOperationsTest, SoftwareListFailureOrUnknownHostEmptiesTheList) {
   FakeHost fake("rhel");
   HostInfo::InitVersionInfo();
   host_.GetSoftwareList();
@@ -210,19 +159,16 @@ TEST_F(HostOperationsTest, SoftwareListFailureEmptiesTheList) {
   host_.GetSoftwareList();
   EXPECT_EQ(host_.softwareList(), "");
   EXPECT_EQ(log_.Count("] Get software list operation failed (3)."), 1u);
-}
 
-TEST_F(HostOperationsTest, SoftwareListOfUnknownHostIsEmpty) {
-  FakeHost fake("rhel");
-  HostInfo::InitVersionInfo();
+  // An unknown host type empties it too, without running anything.
+  fake.AddTool("rpmquery", "echo x 1; echo ran >> \"$ZEL_FAKE_HOST_DIR/ran\"");
   host_.GetSoftwareList();
-  ASSERT_FALSE(host_.softwareList().empty());
-
+  ASSERT_EQ(host_.softwareList(), "x 1\n");
   HostInfo::SetHostTypeForTest(nullptr);
   host_.GetSoftwareList();
   EXPECT_EQ(host_.softwareList(), "");
   EXPECT_EQ(log_.Count("] Invalid host type: ((null))."), 1u);
-  EXPECT_EQ(fake.Calls("rpmquery").size(), 1u);
+  EXPECT_EQ(TempDir::ReadFile(fake.state() + "/ran"), "ran\n");
 }
 
 // Version search, over a list read from the rpm stand-in.
@@ -238,24 +184,15 @@ class SoftwareVersionTest : public HostOperationsTest {
 };
 
 TEST_F(SoftwareVersionTest, FirstLineContainingNameAndBlankDecides) {
-  Load("ba 1.0\na 2.0\nfoo 3.1-2 extra\n");
+  Load("ba 1.0\na 2.0\nfoo 3.1-2 extra\nnover \n");
   EXPECT_EQ(host_.GetSoftwareVersion("a"), "1.0");  // "ba 1.0" comes first
   EXPECT_EQ(host_.GetSoftwareVersion("foo"), "3.1-2 extra");
+  EXPECT_EQ(host_.GetSoftwareVersion("nover"), "");  // a name without version reads as absent
   EXPECT_EQ(log_.Lines().size(), 0u);
-}
-
-TEST_F(SoftwareVersionTest, AbsentPackageLogsAndGivesNothing) {
-  Load("foobar 1.0\n");
-  EXPECT_EQ(host_.GetSoftwareVersion("foo"), "");
+  EXPECT_EQ(host_.GetSoftwareVersion("fo"), "");
   EXPECT_EQ(host_.GetSoftwareVersion("missing"), "");
-  EXPECT_EQ(log_.Count("] Get software version failed for foo."), 1u);
+  EXPECT_EQ(log_.Count("] Get software version failed for fo."), 1u);
   EXPECT_EQ(log_.Count("] Get software version failed for missing."), 1u);
-}
-
-TEST_F(SoftwareVersionTest, NameWithoutVersionReadsAsAbsent) {
-  Load("a \n");
-  EXPECT_EQ(host_.GetSoftwareVersion("a"), "");
-  EXPECT_EQ(log_.Lines().size(), 0u);
 }
 
 TEST_F(SoftwareVersionTest, HostFamilyNameMatchesLongerNamesSecond) {
@@ -267,46 +204,6 @@ TEST_F(SoftwareVersionTest, HostFamilyNameMatchesLongerNamesSecond) {
   // Other names get no second pass.
   EXPECT_EQ(host_.GetSoftwareVersion("zel-hos"), "");
   EXPECT_EQ(log_.Count("Get software version failed"), 1u);
-}
-
-TEST_F(SoftwareVersionTest, SearchReadsTheListAsLastFetched) {
-  Load("a 1.0\n");
-  fake_.WriteState("packages", "a 2.0\n");
-  EXPECT_EQ(host_.GetSoftwareVersion("a"), "1.0");
-  host_.GetSoftwareList();
-  EXPECT_EQ(host_.GetSoftwareVersion("a"), "2.0");
-}
-
-// User scripts. They run only inside the end-to-end sandbox; here their text
-// is checked against the exact bytes the hosts expect.
-
-TEST_F(HostOperationsTest, UserScriptsOfLinuxHosts) {
-  const std::string head =
-      "#!/bin/bash \nexport PATH=$PATH:/usr/sbin\nZEL_USER=\"alice\"\nPASSWORD=\"s3cret\"\n"
-      "ENCRYPTED_PSWD=$(openssl passwd -crypt \"$PASSWORD\")\n"
-      "if id \"$ZEL_USER\" >/dev/null 2>&1; then\n";
-  const std::string create =
-      "groupadd \"$ZEL_USER\"\n"
-      "useradd -m -p \"$ENCRYPTED_PSWD\" -g \"$ZEL_USER\" \"$ZEL_USER\"\n";
-  const std::string rpm = head +
-                          "groupdel \"$ZEL_USER\"\nuserdel -r --force \"$ZEL_USER\"\nfi\n" +
-                          create + "usermod -G root -g 0 -ou 0 \"$ZEL_USER\"\n";
-  const std::string ubuntu = head + "userdel -r --force \"$ZEL_USER\"\nfi\n" + create +
-                             "usermod -aG sudo,syslog \"$ZEL_USER\"\n";
-  EXPECT_EQ(HostOperations::UserCommand(kHostTypeRhel, "alice", "s3cret"), rpm);
-  EXPECT_EQ(HostOperations::UserCommand(kHostTypeCentos, "alice", "s3cret"), rpm);
-  EXPECT_EQ(HostOperations::UserCommand(kHostTypeSles, "alice", "s3cret"), rpm);
-  EXPECT_EQ(HostOperations::UserCommand(kHostTypeUbuntu, "alice", "s3cret"), ubuntu);
-  EXPECT_EQ(HostOperations::UserCommand(nullptr, "alice", "s3cret"), "");
-  // Types are told apart by address, not by text.
-  const std::string copy = kHostTypeUbuntu;
-  EXPECT_EQ(HostOperations::UserCommand(copy.c_str(), "alice", "s3cret"), "");
-}
-
-TEST_F(HostOperationsTest, UserCommandOfUlmHost) {
-  EXPECT_EQ(HostOperations::UserCommand(kHostTypeUlm, "bob", "pw"),
-            "python -B -c \"from __future__ import print_function; import os; "
-            "os.chdir('/tmp/'); import create; print(create.createUser('bob','pw'))\"");
 }
 
 // Runs the Ulm user module from a private directory against the stand-in
@@ -329,35 +226,6 @@ class CreateUserModuleTest : public HostOperationsTest {
   }
   FakeHost fake_{""};
 };
-
-TEST_F(CreateUserModuleTest, CreatesTheUserWithTheAdminRole) {
-  std::string output;
-  EXPECT_EQ(Run("carol", "pw1", "", output), 0) << output;
-  EXPECT_EQ(output, "None\n");
-  EXPECT_EQ(fake_.Calls(), (std::vector<std::string>{
-                               "hst SmartConnect hmon",
-                               "hst CreateUser carol pw1",
-                               "hst SetEntityPermissions rootFolder carol -1 False True",
-                               "hst Logout",
-                           }));
-  EXPECT_EQ(TempDir::ReadFile(fake_.state() + "/hst_users"), "carol\n");
-}
-
-TEST_F(CreateUserModuleTest, ReplacesAnExistingUserAndExtendsLockdownExceptions) {
-  fake_.WriteState("hst_users", "carol\n");
-  std::string output;
-  EXPECT_EQ(Run("carol", "pw2", "lockdown", output), 0) << output;
-  EXPECT_EQ(fake_.Calls(), (std::vector<std::string>{
-                               "hst SmartConnect hmon",
-                               "hst CreateUser carol pw2",
-                               "hst RemoveUser carol",
-                               "hst CreateUser carol pw2",
-                               "hst QueryLockdownExceptions",
-                               "hst UpdateLockdownExceptions root,carol",
-                               "hst SetEntityPermissions rootFolder carol -1 False True",
-                               "hst Logout",
-                           }));
-}
 
 TEST_F(CreateUserModuleTest, FailuresExitWithTheirMessage) {
   struct Case {

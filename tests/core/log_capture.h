@@ -12,8 +12,7 @@
 namespace ZelDorn {
 namespace testing {
 
-// While one LogCapture lives, every emitted record (in syslog line form,
-// "[zel@4711 ...] text") is kept. Only one may exist at a time.
+// While one LogCapture lives, every record (syslog line form) is kept.
 class LogCapture {
  public:
   LogCapture() {

@@ -1,24 +1,10 @@
 // Test support for the operation managers, the SoftwareManager and the
-// Monitor: everything they reach through singletons, made private to the test.
-//
-//   ManagerTestEnv env;            // in a fixture; one at a time
-//   env.SetSoftwareList("foo 1.2\n");
-//   RpcManager::GetInstance()->PerformRpc(request, "q", "c-1");
-//   DornMessage answer = env.LastAnswer();
-//
-// What it sets up, in order: log capture at VERBOSE; a temporary directory
-// whose bin/ is put first on PATH with an "rpmquery" stand-in that prints
-// the file software_list of that directory and records each call;
-// HostOperations; HostInfo with the host type RHELKVM and an id script of the
-// directory that prints kHostId; a CommunicationHandler over the fake client
-// layer, started so that its answers are recorded. The destructor undoes it
-// and restores PATH.
-//
-// Only stand-ins for harmless commands belong here. Anything that would
-// reboot, touch accounts, run /etc/init.d scripts or read real /etc files is
-// tested in the e2e sandbox.
-//
-// Threads: build and destroy on the test's thread while no other thread runs.
+// Monitor: log capture at VERBOSE; a temporary directory whose bin/ leads
+// PATH with an "rpmquery" stand-in printing its software_list file; host type
+// RHELKVM with an id script printing kHostId; a CommunicationHandler over the
+// fake client layer whose answers are recorded. Stand-ins are harmless only;
+// anything touching the host runs in the e2e sandbox. One at a time, built
+// and destroyed on the test's thread.
 #ifndef DORN_TESTS_CORE_MANAGER_TEST_SUPPORT_H_
 #define DORN_TESTS_CORE_MANAGER_TEST_SUPPORT_H_
 
@@ -60,10 +46,10 @@ class ManagerTestEnv {
     savedPath_ = path != nullptr ? path : "";
     bin_ = dir_.path() + "/bin";
     if (mkdir(bin_.c_str(), 0755) != 0) throw std::runtime_error("mkdir " + bin_);
-    AddStandin("rpmquery", "echo \"rpmquery $*\" >> '" + dir_.path() +
-                               "/calls'\n"
-                               "[ -f '" + dir_.path() + "/software_list' ] && cat '" +
-                               dir_.path() + "/software_list'\nexit 0\n");
+    WriteExecutable(bin_ + "/rpmquery", "#!/bin/sh\necho \"rpmquery $*\" >> '" + dir_.path() +
+                                            "/calls'\n[ -f '" + dir_.path() +
+                                            "/software_list' ] && cat '" + dir_.path() +
+                                            "/software_list'\nexit 0\n");
     setenv("PATH", (bin_ + ":" + savedPath_).c_str(), 1);
 
     HostOperations::CreateInstance();
@@ -101,27 +87,16 @@ class ManagerTestEnv {
   // Number of runs of the host id script so far.
   size_t HostIdRuns() const { return Calls("host_id"); }
 
-  void AddStandin(const std::string& name, const std::string& body) {
-    WriteExecutable(bin_ + "/" + name, "#!/bin/sh\n" + body);
-  }
 
   // Records the managers sent, in order.
   std::vector<SentMessage> Sent() const { return layer_->client()->Sent(); }
-  std::vector<orvane::zel::dorn::DornMessage> Answers() const {
-    std::vector<orvane::zel::dorn::DornMessage> answers;
-    for (const SentMessage& sent : Sent()) {
-      if (!sent.parsed) throw std::runtime_error("sent payload is no DornMessage");
-      answers.push_back(sent.message);
-    }
-    return answers;
-  }
-  // The one answer sent; throws unless exactly one was.
+  // The one answer sent; throws unless exactly one was, parsed.
   orvane::zel::dorn::DornMessage OnlyAnswer() const {
-    auto answers = Answers();
-    if (answers.size() != 1) {
-      throw std::runtime_error("expected one answer, got " + std::to_string(answers.size()));
+    auto sent = Sent();
+    if (sent.size() != 1 || !sent[0].parsed) {
+      throw std::runtime_error("expected one answer, got " + std::to_string(sent.size()));
     }
-    return answers.front();
+    return sent[0].message;
   }
   void ClearSent() { layer_->client()->ClearSent(); }
 

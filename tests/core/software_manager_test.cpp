@@ -65,9 +65,6 @@ TEST_F(SoftwareManagerTest, ExpectedVersionIsMetWhereverItOccursInTheInstalledOn
   const SoftwareManager::SoftwareList unmet = manager_->GetUnmet();
   EXPECT_EQ(Describe(unmet),
             (std::vector<std::string>{"gamma INVALID_VERSION 1.9", "delta ABSENT "}));
-  ASSERT_EQ(unmet.size(), 2u);
-  EXPECT_TRUE(unmet[0]->has_state());
-  EXPECT_TRUE(unmet[1]->has_state());
 
   // The tracked entries keep what was expected: a second pass with the
   // package now at the asked version finds it met.
@@ -123,19 +120,11 @@ TEST_F(SoftwareManagerTest, StatusAnswerCarriesOneSoftwareObjectPerUnmetPackage)
   EXPECT_EQ(answer.message_type(), orvane::zel::dorn::MT_OPERATION_STATUS);
   EXPECT_EQ(answer.operation_status_size(), 0);
   ASSERT_EQ(answer.dorn_fabric_object_size(), 2);
-  DornMessage expected;
-  auto* gamma = expected.add_dorn_fabric_object()->mutable_software();
-  *gamma = MakeSoftware("gamma", "1.9");
-  gamma->set_state(orvane::zel::dorn::INVALID_VERSION);
-  auto* delta = expected.add_dorn_fabric_object()->mutable_software();
-  *delta = MakeSoftware("delta", "");
-  delta->set_state(orvane::zel::dorn::ABSENT);
-  for (int i = 0; i < 2; ++i) {
-    // Only `software` is set on each object.
-    EXPECT_EQ(answer.dorn_fabric_object(i).SerializeAsString(),
-              expected.dorn_fabric_object(i).SerializeAsString())
-        << answer.dorn_fabric_object(i).ShortDebugString();
-  }
+  // Only `software` is set on each object.
+  EXPECT_EQ(answer.dorn_fabric_object(0).ShortDebugString(),
+            "software { name: \"gamma\" version: \"1.9\" state: INVALID_VERSION }");
+  EXPECT_EQ(answer.dorn_fabric_object(1).ShortDebugString(),
+            "software { name: \"delta\" version: \"\" state: ABSENT }");
 
   // Nothing unmet: the answer is still sent, with no object.
   env_.ClearSent();
@@ -177,14 +166,11 @@ TEST_F(SoftwareManagerTest, ServiceRequestWithoutObjectsFailsWithAnEmptyIdentifi
     SCOPED_TRACE(action);
     env_.ClearSent();
     env_.log().Clear();
-    const bool stop = std::string(action) == "stop";
-    const DornMessage request = Request(
-        stop ? orvane::zel::dorn::MT_STOP_SERVICES : orvane::zel::dorn::MT_RESTART_SERVICES,
-        "svc-1");
-    if (stop) {
-      manager_->StopServices(request, nullptr, nullptr);
+    if (std::string(action) == "stop") {
+      manager_->StopServices(Request(orvane::zel::dorn::MT_STOP_SERVICES, "s"), nullptr, nullptr);
     } else {
-      manager_->RestartServices(request, nullptr, nullptr);
+      manager_->RestartServices(Request(orvane::zel::dorn::MT_RESTART_SERVICES, "s"), nullptr,
+                                nullptr);
     }
 
     const DornMessage answer = env_.OnlyAnswer();
