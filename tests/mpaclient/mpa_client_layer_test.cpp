@@ -1,6 +1,5 @@
 #include "core/mpa_client_layer.h"
 
-#include <cstring>
 #include <string>
 
 #include <boost/make_shared.hpp>
@@ -49,16 +48,6 @@ TEST_F(MpaClientLayerTest, RegisterLookupAndUnregisterGoThroughTheProcessWideCli
   for (const char* path : {"rmq/connection/establish", "rmq/msg/rx", "rmq/msg/tx"}) {
     EXPECT_EQ(mpa_client_test::CounterLevel(registry_, path, kApp), 0) << path;
   }
-
-  // Not connected: the library refuses the record and the caller hears of it.
-  rmqClientMessage record;
-  std::memset(&record, 0, sizeof record);
-  record.messageType = 10;
-  record.cookieId = handle->GetCookieId();
-  record.amqpContentType = "application/protobuf";
-  record.amqpRoutingKey = "";
-  EXPECT_LT(handle->SendMsg(&record), 0);
-  EXPECT_EQ(mpa_client_test::CounterLevel(registry_, "rmq/msg/tx", kApp), 0);
 
   layer_.Unregister(kApp);
   EXPECT_FALSE(layer_.Lookup(kApp));

