@@ -4,14 +4,14 @@ from pyHstApi import hst, modes, record, users, save_users, _Namespace
 
 
 class _AccountManager(object):
-    def CreateUser(self, spec):
-        record("CreateUser", spec.id, spec.password)
+    def CreateUser(self, user_spec):
+        record("CreateUser", user_spec.id, user_spec.password)
         if "nopermission" in modes():
             raise hst.fault.NoPermission()
         names = users()
-        if spec.id in names:
+        if user_spec.id in names:
             raise hst.fault.AlreadyExists()
-        save_users(names + [spec.id])
+        save_users(names + [user_spec.id])
 
     def RemoveUser(self, name):
         record("RemoveUser", name)
