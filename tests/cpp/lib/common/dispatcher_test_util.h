@@ -19,38 +19,13 @@ namespace dispatch_test {
 // Long enough for a loaded machine under a sanitizer; reached only on failure.
 constexpr std::chrono::seconds kDeadline{20};
 
-// A flag that can be set once and waited for.
-class Event {
- public:
-  void Set() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    set_ = true;
-    cv_.notify_all();
-  }
-  bool IsSet() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return set_;
-  }
-  // True when set within `timeout`.
-  bool WaitFor(std::chrono::milliseconds timeout = kDeadline) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, timeout, [this] { return set_; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable cv_;
-  bool set_ = false;
-};
-
 // A count that can be waited for.
 class Counter {
  public:
   int Increment() {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++value_;
     cv_.notify_all();
-    return value_;
+    return ++value_;
   }
   int Value() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -65,6 +40,17 @@ class Counter {
   mutable std::mutex mutex_;
   mutable std::condition_variable cv_;
   int value_ = 0;
+};
+
+// A flag that can be set and waited for.
+class Event : private Counter {
+ public:
+  void Set() { Increment(); }
+  bool IsSet() const { return Value() > 0; }
+  // True when set within `timeout`.
+  bool WaitFor(std::chrono::milliseconds timeout = kDeadline) const {
+    return WaitForAtLeast(1, timeout);
+  }
 };
 
 // Polls `pred` until it holds or the deadline passes; for states that have no

@@ -20,42 +20,34 @@ namespace log_test {
 // A datagram socket bound to 127.0.0.1 on a port the kernel picks.
 class UdpReceiver {
  public:
-  UdpReceiver() {
-    fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  UdpReceiver() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    if (fd_ >= 0 &&
-        bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) {
-      socklen_t len = sizeof addr;
-      getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+    socklen_t len = sizeof addr;
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
       port_ = ntohs(addr.sin_port);
     }
   }
-  ~UdpReceiver() {
-    if (fd_ >= 0) close(fd_);
-  }
+  ~UdpReceiver() { close(fd_); }
   UdpReceiver(const UdpReceiver&) = delete;
   UdpReceiver& operator=(const UdpReceiver&) = delete;
 
   int port() const { return port_; }
-  int fd() const { return fd_; }
 
   // One datagram, or false when none arrives within `timeoutMs`.
   bool Receive(std::string* out, int timeoutMs = 5000) {
     pollfd p{fd_, POLLIN, 0};
     if (poll(&p, 1, timeoutMs) != 1) return false;
-    std::string buf(65536, '\0');
-    ssize_t n = recv(fd_, &buf[0], buf.size(), 0);
-    if (n < 0) return false;
-    buf.resize(static_cast<std::size_t>(n));
-    *out = std::move(buf);
-    return true;
+    out->assign(65536, '\0');
+    const ssize_t n = recv(fd_, &(*out)[0], out->size(), 0);
+    out->resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+    return n >= 0;
   }
 
  private:
-  int fd_ = -1;
+  int fd_;
   int port_ = 0;
 };
 
@@ -74,8 +66,8 @@ struct SyslogCapture {
     Lines().emplace_back(priority, line);
   }
   static std::vector<std::pair<int, std::string>> Take() {
-    std::lock_guard<std::mutex> lock(Mutex());
     std::vector<std::pair<int, std::string>> out;
+    std::lock_guard<std::mutex> lock(Mutex());
     out.swap(Lines());
     return out;
   }

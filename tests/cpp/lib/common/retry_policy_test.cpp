@@ -18,49 +18,39 @@ std::vector<int64_t> Delays(RetryPolicy& policy, int count) {
   return delays;
 }
 
-TEST(RetryPolicyTest, DefaultsDoubleFromTheInitialDelayUpToTheCap) {
-  RetryPolicy policy;
-  EXPECT_EQ(Delays(policy, 12), (std::vector<int64_t>{100, 200, 400, 800, 1600, 3200, 6400, 12800,
-                                                      25600, 51200, 60000, 60000}));
-  EXPECT_TRUE(policy.capped());
-  EXPECT_EQ(policy.attempts(), 12u);
-}
-
-TEST(RetryPolicyTest, MaxAttemptsEndsTheSequenceAndResetStartsItAnew) {
-  RetryPolicy policy(100, 60000, 2.0, 2);
-  EXPECT_EQ(Delays(policy, 4), (std::vector<int64_t>{100, 200, -1, -1}));
-  policy.Reset();
-  EXPECT_EQ(policy.attempts(), 0u);
-  EXPECT_EQ(Delays(policy, 3), (std::vector<int64_t>{100, 200, -1}));
-}
-
-TEST(RetryPolicyTest, ZeroMaxAttemptsAllowsNoRetry) {
-  // The single-try policy of the stub creators.
-  RetryPolicy policy(1, 1, 1.0, 0);
-  EXPECT_EQ(policy.NextDelay(), -1);
-}
-
-TEST(RetryPolicyTest, TheTwoTopValuesOfMaxAttemptsAreUnlimited) {
+TEST(RetryPolicyTest, DelaySequences) {
+  const struct {
+    const char* what;
+    RetryPolicy policy;
+    std::vector<int64_t> delays;
+  } cases[] = {
+      {"defaults double up to the cap", RetryPolicy(),
+       {100, 200, 400, 800, 1600, 3200, 6400, 12800, 25600, 51200, 60000, 60000}},
+      {"max attempts end the sequence", RetryPolicy(100, 60000, 2.0, 2), {100, 200, -1, -1}},
+      {"zero max attempts allow no retry", RetryPolicy(1, 1, 1.0, 0), {-1}},
+      {"the marker below unlimited is a limit", RetryPolicy(5, 5, 1.0, 0xFFFFFFFDu), {5, 5}},
+      {"fractional growth is truncated", RetryPolicy(100, 1000, 1.5),
+       {100, 150, 225, 337, 506, 759, 1000}},
+  };
+  for (auto c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(Delays(c.policy, static_cast<int>(c.delays.size())), c.delays);
+    EXPECT_EQ(c.policy.attempts(), c.delays.size());
+  }
   for (uint32_t unlimited : {0xFFFFFFFFu, 0xFFFFFFFEu}) {
     RetryPolicy policy(5, 5, 1.0, unlimited);
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(policy.NextDelay(), 5) << unlimited;
   }
-  RetryPolicy limited(5, 5, 1.0, 0xFFFFFFFDu);
-  EXPECT_EQ(limited.NextDelay(), 5);
 }
 
-TEST(RetryPolicyTest, ResetClearsTheCap) {
-  RetryPolicy policy(10, 35, 2.0);
-  EXPECT_EQ(Delays(policy, 4), (std::vector<int64_t>{10, 20, 35, 35}));
+TEST(RetryPolicyTest, ResetStartsAnewAndClearsTheCap) {
+  RetryPolicy policy(10, 35, 2.0, 4);
+  EXPECT_EQ(Delays(policy, 5), (std::vector<int64_t>{10, 20, 35, 35, -1}));
   EXPECT_TRUE(policy.capped());
   policy.Reset();
   EXPECT_FALSE(policy.capped());
+  EXPECT_EQ(policy.attempts(), 0u);
   EXPECT_EQ(Delays(policy, 3), (std::vector<int64_t>{10, 20, 35}));
-}
-
-TEST(RetryPolicyTest, FractionalGrowthIsTruncated) {
-  RetryPolicy policy(100, 1000, 1.5);
-  EXPECT_EQ(Delays(policy, 7), (std::vector<int64_t>{100, 150, 225, 337, 506, 759, 1000}));
 }
 
 TEST(RetryPolicyTest, GrowthPastTheIntegerRangeCapsInsteadOfOverflowing) {
@@ -80,8 +70,6 @@ TEST(RetryPolicyTest, TextForm) {
   EXPECT_EQ(RetryPolicy().ToString(),
             "RetryPolicy(initial_delay=100, max_delay=60000, backoff_mult=2.000000, "
             "max-attempts=unlimited)");
-  EXPECT_EQ(RetryPolicy(1, 1, 1.0, 0).ToString(),
-            "RetryPolicy(initial_delay=1, max_delay=1, backoff_mult=1.000000, max-attempts=0)");
   // Only the exact marker prints as unlimited.
   EXPECT_EQ(RetryPolicy(1, 2, 1.5, 0xFFFFFFFEu).ToString(),
             "RetryPolicy(initial_delay=1, max_delay=2, backoff_mult=1.500000, "
@@ -98,17 +86,16 @@ TEST(RetryPolicyTest, CopiesCarrySettingsAndProgress) {
   assigned = policy;
   EXPECT_EQ(assigned.ToString(), policy.ToString());
   EXPECT_EQ(assigned.NextDelay(), 90);
-  // The original is untouched by its copies.
-  EXPECT_EQ(policy.attempts(), 2u);
+  EXPECT_EQ(policy.attempts(), 2u);  // the original is untouched by its copies
 }
 
 TEST(RetryPolicyTest, RejectsNegativeDelaysAndBadMultipliers) {
   EXPECT_THROW(RetryPolicy(-1, 10, 2.0), std::invalid_argument);
   EXPECT_THROW(RetryPolicy(1, -10, 2.0), std::invalid_argument);
-  EXPECT_THROW(RetryPolicy(1, 10, -2.0), std::invalid_argument);
-  EXPECT_THROW(RetryPolicy(1, 10, std::numeric_limits<double>::infinity()), std::invalid_argument);
-  EXPECT_THROW(RetryPolicy(1, 10, std::numeric_limits<double>::quiet_NaN()),
-               std::invalid_argument);
+  for (double mult : {-2.0, std::numeric_limits<double>::infinity(),
+                      std::numeric_limits<double>::quiet_NaN()}) {
+    EXPECT_THROW(RetryPolicy(1, 10, mult), std::invalid_argument) << mult;
+  }
 }
 
 TEST(RetryPolicyTest, ConcurrentCallersEachCountOneAttempt) {
@@ -127,18 +114,14 @@ TEST(RetryPolicyTest, ConcurrentCallersEachCountOneAttempt) {
   EXPECT_EQ(policy.attempts(), static_cast<uint64_t>(kThreads * kCalls));
   // Exactly max_attempts calls got a delay; each delay of the sequence below
   // the cap was handed out once.
-  int granted = 0;
-  std::multiset<int64_t> delays;
+  std::multiset<int64_t> granted;
   for (const auto& values : seen) {
     for (int64_t value : values) {
-      if (value >= 0) {
-        ++granted;
-        delays.insert(value);
-      }
+      if (value >= 0) granted.insert(value);
     }
   }
-  EXPECT_EQ(granted, kThreads * kCalls / 2);
-  for (int64_t d = 1; d < (1 << 20); d *= 2) EXPECT_EQ(delays.count(d), 1u) << d;
+  EXPECT_EQ(granted.size(), static_cast<size_t>(kThreads * kCalls / 2));
+  for (int64_t d = 1; d < (1 << 20); d *= 2) EXPECT_EQ(granted.count(d), 1u) << d;
 }
 
 }  // namespace
