@@ -69,31 +69,22 @@ std::string TimerName(const AsioTimer& timer, const char* state) {
 class ManualClock : public TimerClock {
  public:
   ManualClock(SteadyTime steady, SystemTime system)
-      : steadyNs_(steady.time_since_epoch().count()), systemNs_(Ns(system.time_since_epoch())) {}
-
+      : steadyNs_(steady.time_since_epoch().count()), system_(system) {}
   SteadyTime SteadyNow() const override { return SteadyTime(nanoseconds(steadyNs_.load())); }
-  SystemTime SystemNow() const override {
-    return SystemTime(std::chrono::duration_cast<SystemTime::duration>(nanoseconds(systemNs_.load())));
-  }
+  SystemTime SystemNow() const override { return system_; }
   void SetSteady(SteadyTime t) { steadyNs_ = t.time_since_epoch().count(); }
 
  private:
-  template <class D>
-  static int64_t Ns(D d) {
-    return std::chrono::duration_cast<nanoseconds>(d).count();
-  }
   std::atomic<int64_t> steadyNs_;
-  std::atomic<int64_t> systemNs_;
+  const SystemTime system_;
 };
 
 // Lets a callback reach its own timer once the test has stored it.
 class SelfRef {
  public:
   void Store(boost::shared_ptr<AsioTimer> timer) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      timer_ = std::move(timer);
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    timer_ = std::move(timer);
     stored_.Set();
   }
   boost::shared_ptr<AsioTimer> Get() {
@@ -101,13 +92,12 @@ class SelfRef {
     std::lock_guard<std::mutex> lock(mutex_);
     return timer_;
   }
+  // Drops the stored reference, outside the lock.
   void Reset() {
     EXPECT_TRUE(stored_.WaitFor());
     boost::shared_ptr<AsioTimer> last;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      last.swap(timer_);
-    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    last.swap(timer_);
   }
 
  private:
@@ -121,6 +111,10 @@ boost::shared_ptr<AsioTimer> AsAsio(const TimerPtr& timer) {
   EXPECT_TRUE(asio);
   return asio;
 }
+
+// Far from both clocks' zero, and 30 ms past a multiple of 100 ms on the wall.
+const SteadyTime kSteadyStart = SteadyTime(seconds(5000));
+const SystemTime kWallStart = SystemTime(seconds(1700000000) + milliseconds(30));
 
 class TimerTest : public ::testing::Test {
  protected:
@@ -137,6 +131,13 @@ class TimerTest : public ::testing::Test {
                                         bool aligned = false) {
     return AsAsio(factory_.CreatePeriodicTimer(interval, std::move(callback), aligned));
   }
+  // A periodic timer on a manual clock.
+  boost::shared_ptr<AsioTimer> ManualPeriodic(SystemTime wall, nanoseconds interval,
+                                              TimerCallback callback, bool aligned) {
+    clock_ = boost::make_shared<ManualClock>(kSteadyStart, wall);
+    AsioTimerFactory factory(dispatcher_.GetIoContextHandle(), clock_);
+    return AsAsio(factory.CreatePeriodicTimer(interval, std::move(callback), aligned));
+  }
 
   // Holds the one dispatcher thread until `release` is set.
   void BlockDispatcher(const std::shared_ptr<Event>& release) {
@@ -150,75 +151,51 @@ class TimerTest : public ::testing::Test {
 
   AsioDispatcher dispatcher_;
   AsioTimerFactory factory_{dispatcher_.GetIoContextHandle()};
+  boost::shared_ptr<ManualClock> clock_;
 };
-
-// Far from both clocks' zero, and 30 ms past a multiple of 100 ms on the wall.
-const SteadyTime kSteadyStart = SteadyTime(seconds(5000));
-const SystemTime kWallStart = SystemTime(seconds(1700000000) + milliseconds(30));
-
-class ManualClockTimerTest : public TimerTest {
- protected:
-  boost::shared_ptr<ManualClock> clock_ =
-      boost::make_shared<ManualClock>(kSteadyStart, kWallStart);
-  AsioTimerFactory manualFactory_{dispatcher_.GetIoContextHandle(), clock_};
-};
-
-TEST(TimerStateNameTest, NamesEveryStateAndFlagsTheRest) {
-  EXPECT_STREQ(impl::TimerStateName(TimerState::INIT), "Init");
-  EXPECT_STREQ(impl::TimerStateName(TimerState::SCHEDULED), "Scheduled");
-  EXPECT_STREQ(impl::TimerStateName(TimerState::EXECUTING), "Executing");
-  EXPECT_STREQ(impl::TimerStateName(TimerState::CANCELLED), "Cancelled");
-  EXPECT_STREQ(impl::TimerStateName(TimerState::ERROR), "Error");
-  EXPECT_STREQ(impl::TimerStateName(TimerState::DONE), "Done");
-  EXPECT_STREQ(impl::TimerStateName(static_cast<TimerState>(6)), "<INVALID>");
-  EXPECT_STREQ(impl::TimerStateName(static_cast<TimerState>(-1)), "<INVALID>");
-}
-
-TEST(ComputeNextCycleTest, OnTimeMovesOneStep) {
-  const SteadyTime d = kSteadyStart;
-  auto next = impl::ComputeNextCycle(d, milliseconds(100), d + milliseconds(40));
-  EXPECT_EQ(next.deadline, d + milliseconds(100));
-  EXPECT_EQ(next.skipped, 0u);
-  // Due exactly now is not late.
-  next = impl::ComputeNextCycle(d, milliseconds(100), d + milliseconds(100));
-  EXPECT_EQ(next.deadline, d + milliseconds(100));
-  EXPECT_EQ(next.skipped, 0u);
-}
 
 TEST(ComputeNextCycleTest, LateCyclesAreDroppedOnTheGrid) {
   const SteadyTime d = kSteadyStart;
-  // A callback that started at d and took 3.5 intervals.
-  auto next = impl::ComputeNextCycle(d, milliseconds(100), d + milliseconds(350));
-  EXPECT_EQ(next.skipped, 3u);
-  EXPECT_EQ(next.deadline, d + milliseconds(400));
-  // One nanosecond past a grid point skips that point too.
-  next = impl::ComputeNextCycle(d, milliseconds(100), d + milliseconds(300) + nanoseconds(1));
-  EXPECT_EQ(next.skipped, 3u);
-  EXPECT_EQ(next.deadline, d + milliseconds(400));
-  // The 1 ns step of an interval of 0 counts every nanosecond.
-  next = impl::ComputeNextCycle(d, nanoseconds(1), d + milliseconds(2));
-  EXPECT_EQ(next.skipped, 1999999u);
-  EXPECT_EQ(next.deadline, d + milliseconds(2));
+  const struct {
+    const char* what;
+    SteadyTime deadline;
+    nanoseconds step;
+    SteadyTime now;
+    SteadyTime next;
+    uint64_t skipped;
+  } cases[] = {
+      {"on time", d, milliseconds(100), d + milliseconds(40), d + milliseconds(100), 0},
+      {"due exactly now is not late", d, milliseconds(100), d + milliseconds(100),
+       d + milliseconds(100), 0},
+      {"took 3.5 intervals", d, milliseconds(100), d + milliseconds(350), d + milliseconds(400), 3},
+      {"1 ns past a grid point skips it", d, milliseconds(100),
+       d + milliseconds(300) + nanoseconds(1), d + milliseconds(400), 3},
+      {"the 1 ns step of interval 0", d, nanoseconds(1), d + milliseconds(2), d + milliseconds(2),
+       1999999},
+      // Aligned timers may start from an epoch before the clock's zero.
+      {"before the epoch", SteadyTime(milliseconds(-250)), milliseconds(100),
+       SteadyTime(milliseconds(10)), SteadyTime(milliseconds(50)), 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const impl::NextCycle next = impl::ComputeNextCycle(c.deadline, c.step, c.now);
+    EXPECT_EQ(next.deadline, c.next);
+    EXPECT_EQ(next.skipped, c.skipped);
+  }
 }
 
-TEST(ComputeNextCycleTest, WorksBeforeTheClockEpochAndSaturatesAtItsEnd) {
-  // Aligned timers may start from an epoch before the clock's zero.
-  auto next = impl::ComputeNextCycle(SteadyTime(milliseconds(-250)), milliseconds(100),
-                                     SteadyTime(milliseconds(10)));
-  EXPECT_EQ(next.deadline, SteadyTime(milliseconds(50)));
-  EXPECT_EQ(next.skipped, 2u);
-  next = impl::ComputeNextCycle(SteadyTime::max() - nanoseconds(5), seconds(1), kSteadyStart);
+TEST(ComputeNextCycleTest, SaturatesAtTheEndOfTheClock) {
+  auto next = impl::ComputeNextCycle(SteadyTime::max() - nanoseconds(5), seconds(1), kSteadyStart);
   EXPECT_EQ(next.deadline, SteadyTime::max());
-  // Catching up from far below zero to far above it.
+  // Catching up from far below zero to far above it stays on the grid.
   next = impl::ComputeNextCycle(SteadyTime::min(), seconds(1), SteadyTime::max() - seconds(10));
-  EXPECT_LE(next.deadline, SteadyTime::max());
   EXPECT_GE(next.deadline, SteadyTime::max() - seconds(10));
   const uint64_t span = static_cast<uint64_t>(next.deadline.time_since_epoch().count()) -
                         static_cast<uint64_t>(SteadyTime::min().time_since_epoch().count());
-  EXPECT_EQ(span % 1000000000u, 0u);  // still on the grid
+  EXPECT_EQ(span % 1000000000u, 0u);
 }
 
-TEST_F(TimerTest, OneShotWithZeroIntervalFiresOnceThenIsDone) {
+TEST_F(TimerTest, OneShotWithZeroIntervalFiresOnceThenIsDoneAndCancelChangesNothing) {
   Counter fired;
   auto timer = OneShot(nanoseconds(0), [&] { fired.Increment(); });
   ASSERT_TRUE(fired.WaitForAtLeast(1));
@@ -226,6 +203,9 @@ TEST_F(TimerTest, OneShotWithZeroIntervalFiresOnceThenIsDone) {
   EXPECT_EQ(timer->state(), TimerState::DONE);
   EXPECT_EQ(fired.Value(), 1);
   EXPECT_EQ(CountLogged(TimerName(*timer, "Done") + "done"), 1);
+  timer->Cancel();
+  EXPECT_EQ(timer->state(), TimerState::DONE);
+  EXPECT_EQ(CountLogged(TimerName(*timer, "Done") + "cancel is noop in current state"), 1);
 }
 
 TEST_F(TimerTest, OneShotNeverFiresBeforeItsInterval) {
@@ -233,8 +213,7 @@ TEST_F(TimerTest, OneShotNeverFiresBeforeItsInterval) {
   std::atomic<int64_t> firedAfterMs{-1};
   Event fired;
   auto timer = OneShot(milliseconds(30), [&] {
-    firedAfterMs = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() -
-                                                            start)
+    firedAfterMs = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start)
                        .count();
     fired.Set();
   });
@@ -242,26 +221,25 @@ TEST_F(TimerTest, OneShotNeverFiresBeforeItsInterval) {
   EXPECT_GE(firedAfterMs.load(), 30);
 }
 
-TEST_F(TimerTest, IntervalPastTheEndOfTheClockWaitsForever) {
+TEST_F(TimerTest, BadIntervalsAreRefusedWithAnError) {
+  const struct {
+    bool periodic;
+    bool aligned;
+    nanoseconds interval;
+    const char* logged;
+  } cases[] = {
+      {false, false, milliseconds(-1), "schedule failed - interval -1000000 < 0"},
+      {true, false, milliseconds(-1), "schedule failed - interval -1000000 < 0"},
+      {true, true, nanoseconds(-5), "schedule failed - interval -5 < 0"},
+      {true, true, nanoseconds(0), "schedule failed -interval 0 <= 0"},
+  };
   Counter fired;
-  auto timer = OneShot(nanoseconds::max(), [&] { fired.Increment(); });
-  EXPECT_EQ(timer->state(), TimerState::SCHEDULED);
-  EXPECT_EQ(timer->deadline(), SteadyTime::max());
-  timer->Cancel();
-  ASSERT_TRUE(Drain(dispatcher_));
-  EXPECT_EQ(timer->state(), TimerState::CANCELLED);
-  EXPECT_EQ(fired.Value(), 0);
-}
-
-TEST_F(TimerTest, NegativeIntervalsAreRefusedWithAnError) {
-  Counter fired;
-  for (bool periodic : {false, true}) {
-    auto timer = periodic ? Periodic(milliseconds(-1), [&] { fired.Increment(); })
-                          : OneShot(milliseconds(-1), [&] { fired.Increment(); });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.logged);
+    auto callback = [&] { fired.Increment(); };
+    auto timer = c.periodic ? Periodic(c.interval, callback, c.aligned) : OneShot(c.interval, callback);
     EXPECT_EQ(timer->state(), TimerState::ERROR);
-    EXPECT_EQ(CountLogged("errorCode=\"CMNLIB700\"] " + TimerName(*timer, "Init") +
-                          "schedule failed - interval -1000000 < 0"),
-              1);
+    EXPECT_EQ(CountLogged("errorCode=\"CMNLIB700\"] " + TimerName(*timer, "Init") + c.logged), 1);
     timer->Cancel();
     EXPECT_EQ(timer->state(), TimerState::ERROR);
     EXPECT_EQ(CountLogged(TimerName(*timer, "Error") + "cancel is noop in current state"), 1);
@@ -270,33 +248,32 @@ TEST_F(TimerTest, NegativeIntervalsAreRefusedWithAnError) {
   EXPECT_EQ(fired.Value(), 0);
 }
 
-TEST_F(TimerTest, AlignedTimersRefuseAZeroInterval) {
-  auto zero = Periodic(nanoseconds(0), DoNothing, true);
-  EXPECT_EQ(zero->state(), TimerState::ERROR);
-  EXPECT_EQ(CountLogged("errorCode=\"CMNLIB700\"] " + TimerName(*zero, "Init") +
-                        "schedule failed -interval 0 <= 0"),
-            1);
-  auto negative = Periodic(nanoseconds(-5), DoNothing, true);
-  EXPECT_EQ(negative->state(), TimerState::ERROR);
-  EXPECT_EQ(CountLogged(TimerName(*negative, "Init") + "schedule failed - interval -5 < 0"), 1);
+// Zero-interval timers, cancelled from inside their own callback: a periodic
+// one keeps firing until then, and neither fires again.
+TEST_F(TimerTest, CancelFromInsideTheCallbackEndsTheTimer) {
+  for (bool periodic : {false, true}) {
+    SelfRef self;
+    Counter fired;
+    Event after;
+    const int cancelAt = periodic ? 5 : 1;
+    auto callback = [&] {
+      if (fired.Increment() == cancelAt) {
+        self.Get()->Cancel();
+        // Runs once this expiry's handler has finished.
+        dispatcher_.Post([&] { after.Set(); });
+      }
+    };
+    self.Store(periodic ? Periodic(nanoseconds(0), callback) : OneShot(nanoseconds(0), callback));
+    ASSERT_TRUE(after.WaitFor());
+    ASSERT_TRUE(Drain(dispatcher_));
+    auto timer = self.Get();
+    EXPECT_EQ(timer->state(), TimerState::CANCELLED) << periodic;
+    EXPECT_EQ(fired.Value(), cancelAt);
+    EXPECT_EQ(CountLogged(TimerName(*timer, "Cancelled") + "cancelled during user callback"), 1);
+  }
 }
 
-TEST_F(TimerTest, PeriodicWithZeroIntervalKeepsFiring) {
-  SelfRef self;
-  Counter fired;
-  Event stopped;
-  self.Store(Periodic(nanoseconds(0), [&] {
-    if (fired.Increment() == 5) {
-      self.Get()->Cancel();
-      dispatcher_.Post([&] { stopped.Set(); });
-    }
-  }));
-  ASSERT_TRUE(stopped.WaitFor());
-  EXPECT_EQ(fired.Value(), 5);
-  EXPECT_EQ(self.Get()->state(), TimerState::CANCELLED);
-}
-
-TEST_F(ManualClockTimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
+TEST_F(TimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
   SelfRef self;
   Counter fired;
   Event second;
@@ -304,19 +281,16 @@ TEST_F(ManualClockTimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
   // Held until the first cycle has been read.
   auto release = std::make_shared<Event>();
   BlockDispatcher(release);
-  auto timer = AsAsio(manualFactory_.CreatePeriodicTimer(
-      milliseconds(100),
-      [&] {
-        auto me = self.Get();
-        if (fired.Increment() == 1) {
-          clock_->SetSteady(me->deadline());  // as if it ran on time
-          return;
-        }
-        secondDeadline = me->deadline();
-        me->Cancel();
-        second.Set();
-      },
-      true));
+  auto timer = ManualPeriodic(kWallStart, milliseconds(100), [&] {
+    auto me = self.Get();
+    if (fired.Increment() == 1) {
+      clock_->SetSteady(me->deadline());  // as if it ran on time
+      return;
+    }
+    secondDeadline = me->deadline();
+    me->Cancel();
+    second.Set();
+  }, true);
   self.Store(timer);
   // Wall clock at ...030 ms: the first expiry comes 70 ms later, on ...100.
   EXPECT_EQ(timer->deadline(), kSteadyStart + milliseconds(70));
@@ -324,29 +298,24 @@ TEST_F(ManualClockTimerTest, AlignedTimerFiresOnTheNextWallClockMultiple) {
   EXPECT_EQ(timer->cycle(), 1u);
   EXPECT_EQ(CountLogged(" ms (aligned)"), 1);
   release->Set();
-
   ASSERT_TRUE(second.WaitFor());
   EXPECT_EQ(secondDeadline, kSteadyStart + milliseconds(170));
-}
 
-TEST_F(ManualClockTimerTest, AlignedTimerOnAMultipleFiresAtOnce) {
-  auto clock = boost::make_shared<ManualClock>(kSteadyStart, SystemTime(seconds(1700000040)));
-  AsioTimerFactory factory(dispatcher_.GetIoContextHandle(), clock);
-  Event fired;
-  // Held until the first cycle has been read, since it is due at once.
-  auto release = std::make_shared<Event>();
+  // On a multiple of the interval it is due at once.
+  release = std::make_shared<Event>();
   BlockDispatcher(release);
-  auto timer = AsAsio(factory.CreatePeriodicTimer(seconds(60), [&] { fired.Set(); }, true));
+  Event fired2;
+  timer = ManualPeriodic(SystemTime(seconds(1700000040)), seconds(60), [&] { fired2.Set(); }, true);
   EXPECT_EQ(timer->deadline(), kSteadyStart);
   EXPECT_EQ(timer->epoch(), kSteadyStart - seconds(60));
   release->Set();
-  ASSERT_TRUE(fired.WaitFor());
+  ASSERT_TRUE(fired2.WaitFor());
   timer->Cancel();
 }
 
 // A callback that takes 3.5 intervals: the three expiries it overlapped are
 // dropped, and the next one is still on the timer's grid.
-TEST_F(ManualClockTimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
+TEST_F(TimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
   SelfRef self;
   Counter fired;
   Event second;
@@ -354,20 +323,17 @@ TEST_F(ManualClockTimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
   SteadyTime deadlineAtSecond;
   auto release = std::make_shared<Event>();
   BlockDispatcher(release);
-  auto timer = AsAsio(manualFactory_.CreatePeriodicTimer(
-      milliseconds(50),
-      [&] {
-        auto me = self.Get();
-        if (fired.Increment() == 1) {
-          clock_->SetSteady(me->deadline() + milliseconds(175));
-          return;
-        }
-        cycleAtSecond = me->cycle();
-        deadlineAtSecond = me->deadline();
-        me->Cancel();
-        second.Set();
-      },
-      false));
+  auto timer = ManualPeriodic(kWallStart, milliseconds(50), [&] {
+    auto me = self.Get();
+    if (fired.Increment() == 1) {
+      clock_->SetSteady(me->deadline() + milliseconds(175));
+      return;
+    }
+    cycleAtSecond = me->cycle();
+    deadlineAtSecond = me->deadline();
+    me->Cancel();
+    second.Set();
+  }, false);
   self.Store(timer);
   EXPECT_EQ(timer->epoch(), kSteadyStart);
   EXPECT_EQ(timer->deadline(), kSteadyStart + milliseconds(50));
@@ -380,75 +346,20 @@ TEST_F(ManualClockTimerTest, OverrunningCallbackSkipsThreeCyclesAndKeepsPhase) {
   EXPECT_EQ(fired.Value(), 2);
 }
 
-// The same on the real clock, where only lower bounds are certain: a
-// 70 ms callback on a 20 ms timer drops at least three expiries, and the
-// next one still lies on the grid.
-TEST_F(TimerTest, OverrunOnTheRealClockStaysOnTheGrid) {
-  SelfRef self;
-  Counter fired;
-  Event second;
-  uint64_t cycle = 0;
-  SteadyTime deadline;
-  SteadyTime epoch;
-  self.Store(Periodic(milliseconds(20), [&] {
-    auto me = self.Get();
-    if (fired.Increment() == 1) {
-      std::this_thread::sleep_for(milliseconds(70));  // the overrunning work
-      return;
-    }
-    cycle = me->cycle();
-    deadline = me->deadline();
-    epoch = me->epoch();
-    me->Cancel();
-    second.Set();
-  }));
-  ASSERT_TRUE(second.WaitFor());
-  EXPECT_GE(cycle, 5u);
-  EXPECT_EQ(deadline - epoch, milliseconds(20) * cycle);
-}
-
+// An interval past the end of the clock waits for ever, until cancelled.
 TEST_F(TimerTest, CancelWhileScheduledDropsThePendingExpiry) {
   Counter fired;
-  auto timer = Periodic(std::chrono::hours(1), [&] { fired.Increment(); });
+  auto timer = Periodic(nanoseconds::max(), [&] { fired.Increment(); });
   EXPECT_EQ(timer->state(), TimerState::SCHEDULED);
+  EXPECT_EQ(timer->deadline(), SteadyTime::max());
   timer->Cancel();
   EXPECT_EQ(timer->state(), TimerState::CANCELLED);
   ASSERT_TRUE(Drain(dispatcher_));
   EXPECT_EQ(CountLogged(TimerName(*timer, "Cancelled") + "ignoring timer handler (status: 125"), 1);
-
   timer->Cancel();
   EXPECT_EQ(timer->state(), TimerState::CANCELLED);
   EXPECT_EQ(CountLogged(TimerName(*timer, "Cancelled") + "can't cancel - already cancelled"), 1);
   EXPECT_EQ(fired.Value(), 0);
-}
-
-TEST_F(TimerTest, CancelFromInsideThePeriodicCallbackEndsIt) {
-  SelfRef self;
-  Counter fired;
-  Event after;
-  self.Store(Periodic(milliseconds(1), [&] {
-    if (fired.Increment() == 3) {
-      self.Get()->Cancel();
-      // Runs once this expiry's handler has finished.
-      dispatcher_.Post([&] { after.Set(); });
-    }
-  }));
-  ASSERT_TRUE(after.WaitFor());
-  auto timer = self.Get();
-  EXPECT_EQ(timer->state(), TimerState::CANCELLED);
-  EXPECT_EQ(fired.Value(), 3);
-  EXPECT_EQ(CountLogged(TimerName(*timer, "Cancelled") + "cancelled during user callback"), 1);
-}
-
-TEST_F(TimerTest, CancelFromInsideAOneShotCallbackLeavesItCancelled) {
-  SelfRef self;
-  Event after;
-  self.Store(OneShot(nanoseconds(0), [&] {
-    self.Get()->Cancel();
-    dispatcher_.Post([&] { after.Set(); });
-  }));
-  ASSERT_TRUE(after.WaitFor());
-  EXPECT_EQ(self.Get()->state(), TimerState::CANCELLED);
 }
 
 TEST_F(TimerTest, CancelFromAnotherThreadWhileTheCallbackRuns) {
@@ -470,14 +381,6 @@ TEST_F(TimerTest, CancelFromAnotherThreadWhileTheCallbackRuns) {
   EXPECT_EQ(fired.Value(), 1);
 }
 
-TEST_F(TimerTest, CancelAfterDoneChangesNothing) {
-  auto timer = OneShot(nanoseconds(0), DoNothing);
-  ASSERT_TRUE(dispatch_test::WaitUntil([&] { return timer->state() == TimerState::DONE; }));
-  timer->Cancel();
-  EXPECT_EQ(timer->state(), TimerState::DONE);
-  EXPECT_EQ(CountLogged(TimerName(*timer, "Done") + "cancel is noop in current state"), 1);
-}
-
 TEST_F(TimerTest, TimerDestroyedWhileItsExpiryIsQueuedIsSkipped) {
   auto release = std::make_shared<Event>();
   BlockDispatcher(release);
@@ -488,9 +391,9 @@ TEST_F(TimerTest, TimerDestroyedWhileItsExpiryIsQueuedIsSkipped) {
   release->Set();
   ASSERT_TRUE(Drain(dispatcher_));
   EXPECT_EQ(fired.Value(), 0);
-  EXPECT_EQ(CountLogged("Timer[" + std::to_string(id) +
-                        "#DESTROYED]: timer handler is skipped (status: "),
-            1);
+  EXPECT_EQ(
+      CountLogged("Timer[" + std::to_string(id) + "#DESTROYED]: timer handler is skipped (status: "),
+      1);
 }
 
 TEST_F(TimerTest, CallbackMayDropTheLastReferenceToItsTimer) {
@@ -532,7 +435,6 @@ TEST(TimerLifetimeTest, TimerMayOutliveItsDispatcher) {
   }
   timer->Cancel();
   EXPECT_EQ(AsAsio(timer)->state(), TimerState::CANCELLED);
-  timer.reset();
 }
 
 // Timers made, fired and cancelled from several threads at once, on a
@@ -570,11 +472,7 @@ TEST(TimerConcurrencyTest, CreateFireAndCancelFromManyThreads) {
   for (int n = 0; n < kThreads * kPerThread; ++n) {
     const TimerState state = timers[n]->state();
     EXPECT_LE(fired[n].load(), 1) << n;
-    if (n % 2 != 0) {
-      EXPECT_EQ(state, TimerState::DONE) << n;
-    } else {
-      EXPECT_TRUE(state == TimerState::CANCELLED || state == TimerState::DONE) << n;
-    }
+    EXPECT_TRUE(state == TimerState::DONE || (n % 2 == 0 && state == TimerState::CANCELLED)) << n;
     if (state == TimerState::DONE) {
       EXPECT_EQ(fired[n].load(), 1) << n;
     }
