@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <numeric>
 #include <random>
 #include <string>
@@ -65,34 +66,18 @@ TEST_F(CountersTest, UnitCounterFollowsItsLevelAndKeepsItOverRollover) {
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 9, s~num: 5, s~min: 1, s~max: 10");
   // The frozen slot is untouched until a rollover.
   EXPECT_EQ(c->to_string(false), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
-
   c->rollover();
   EXPECT_EQ(c->to_string(false), "units: items, v~last: 9, s~num: 5, s~min: 1, s~max: 10");
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 9, s~num: 0, s~min: 0, s~max: 0");
   c->add(5);
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 14, s~num: 1, s~min: 14, s~max: 14");
-}
-
-TEST_F(CountersTest, UnitCounterWithoutUnitsAndDecrementAtZero) {
-  auto c = Make<UnitCounter>();
-  c->decrement();  // stays at 0 and still counts
-  EXPECT_EQ(c->to_string(true), "v~last: 0, s~num: 1, s~min: 0, s~max: 0");
-}
-
-TEST_F(CountersTest, ResetClearsRunningFiguresToo) {
-  auto c = Make<UnitCounter>("items");
-  c->set(7);
+  // Reset clears the running figures too.
   c->reset();
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
-}
 
-TEST_F(CountersTest, SimpleUnitCounterPrintsOnlyItsLevel) {
-  auto c = Make<SimpleUnitCounter>("MB");
-  c->set(7);
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "units: MB, v~last: 7");
-  EXPECT_EQ(c->to_string(true), "units: MB, v~last: 7");
-  EXPECT_EQ(Make<SimpleUnitCounter>()->to_string(true), "v~last: 0");
+  auto bare = Make<UnitCounter>();
+  bare->decrement();  // stays at 0 and still counts
+  EXPECT_EQ(bare->to_string(true), "v~last: 0, s~num: 1, s~min: 0, s~max: 0");
 }
 
 TEST_F(CountersTest, LatencyCounterSummarisesThePeriod) {
@@ -100,8 +85,6 @@ TEST_F(CountersTest, LatencyCounterSummarisesThePeriod) {
   c->record(20);
   c->record(10);
   c->record(std::chrono::microseconds(30));
-  EXPECT_EQ(c->to_string(true),
-            "units: µs, s~last: 30, s~num: 3, s~min: 10, s~max: 30, s~sum: 60, s~avg: 20");
   c->rollover();
   EXPECT_EQ(c->to_string(false),
             "units: µs, s~last: 30, s~num: 3, s~min: 10, s~max: 30, s~sum: 60, s~avg: 20");
@@ -110,17 +93,14 @@ TEST_F(CountersTest, LatencyCounterSummarisesThePeriod) {
             "units: µs, s~last: 0, s~num: 0, s~min: 0, s~max: 0, s~sum: 0, s~avg: 0");
   c->record(std::chrono::milliseconds(2));
   c->record(std::chrono::microseconds(-5));  // a clock step back counts as 0
+  c->record(1);
   EXPECT_EQ(c->to_string(true),
-            "units: µs, s~last: 0, s~num: 2, s~min: 0, s~max: 2000, s~sum: 2000, s~avg: 1000");
-}
-
-TEST_F(CountersTest, LatencyAverageKeepsFractions) {
-  auto c = Make<LatencyCounter>();
+            "units: µs, s~last: 1, s~num: 3, s~min: 0, s~max: 2000, s~sum: 2001, s~avg: 667");
+  c->reset();
   c->record(1);
   c->record(2);
   c->record(2);
-  c->rollover();
-  EXPECT_EQ(c->to_string(false),
+  EXPECT_EQ(c->to_string(true),  // the average keeps fractions
             "units: µs, s~last: 2, s~num: 3, s~min: 1, s~max: 2, s~sum: 5, s~avg: 1.667");
 }
 
@@ -148,10 +128,9 @@ TEST_F(CountersTest, StatsLatencyPercentilesOverOneHundredSamples) {
   BasicSerializer out = Serialized(*c, false);
   EXPECT_NEAR(out.sample_p95().value, 95.95, 1e-9);
   EXPECT_NEAR(out.sample_p99().value, 99.99, 1e-9);
-  EXPECT_EQ(c->to_string(false),
-            "units: µs, s~last: " + std::to_string(samples.back()) +
-                ", s~num: 100, s~min: 1, s~max: 100, s~sum: 5050, s~avg: 50.5, "
-                "s~p95: 95.95, s~p99: 99.99");
+  EXPECT_EQ(c->to_string(false), "units: µs, s~last: " + std::to_string(samples.back()) +
+                                     ", s~num: 100, s~min: 1, s~max: 100, s~sum: 5050, "
+                                     "s~avg: 50.5, s~p95: 95.95, s~p99: 99.99");
 }
 
 TEST_F(CountersTest, StatsStoreIsEmptiedAtRolloverAndReset) {
@@ -159,9 +138,7 @@ TEST_F(CountersTest, StatsStoreIsEmptiedAtRolloverAndReset) {
   c->record(1000);
   c->rollover();
   // The sample of the last period must not weigh in this one.
-  c->record(3);
-  c->record(1);
-  c->record(2);
+  for (uint64_t s : {3, 1, 2}) c->record(s);
   c->rollover();
   EXPECT_EQ(Serialized(*c, false).sample_p99().value, 3.0);
   c->rollover();
@@ -177,30 +154,40 @@ TEST_F(CountersTest, StatsStoreIsEmptiedAtRolloverAndReset) {
   EXPECT_EQ(Serialized(*c, false).sample_p95().value, 4.0);
 }
 
-TEST_F(CountersTest, FrequencyIsPerSecondOverThePeriod) {
-  auto c = Make<FrequencyCounter>();
-  for (int i = 0; i < 5; ++i) c->mark();
+// Period figures over whole milliseconds of elapsed time E; E = 0 gives 0.
+TEST_F(CountersTest, RatesAndFrequenciesArePerSecondOverThePeriod) {
+  auto freq = Make<FrequencyCounter>();
+  for (int i = 0; i < 5; ++i) freq->mark();
   clock_.AdvanceMs(2000);
-  EXPECT_EQ(c->to_string(true), "s~num: 5, s~freq: 2.5");
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "s~num: 5, s~freq: 2.5");
-  // A rollover at once after another: E = 0 gives frequency 0, marks or not.
-  c->mark();
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "s~num: 1, s~freq: 0");
-}
-
-TEST_F(CountersTest, ElapsedTimeIsWholeMilliseconds) {
-  auto c = Make<FrequencyCounter>();
-  c->mark();
-  c->mark();
+  EXPECT_EQ(freq->to_string(true), "s~num: 5, s~freq: 2.5");
+  freq->rollover();
+  EXPECT_EQ(freq->to_string(false), "s~num: 5, s~freq: 2.5");
+  freq->mark();
   clock_.AdvanceNs(999999);  // under 1 ms: E = 0
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "s~num: 2, s~freq: 0");
-  c->mark();
+  freq->rollover();
+  EXPECT_EQ(freq->to_string(false), "s~num: 1, s~freq: 0");
+  freq->mark();
   clock_.AdvanceNs(3999999);  // E = 3
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "s~num: 1, s~freq: 333.333");
+  freq->rollover();
+  EXPECT_EQ(freq->to_string(false), "s~num: 1, s~freq: 333.333");
+
+  auto rate = Make<net::NetRateCounter>();
+  rate->add(1000);
+  rate->add(500);
+  clock_.AdvanceMs(3000);
+  rate->rollover();
+  EXPECT_EQ(rate->to_string(false), "units: bytes, v~sum: 1500, s~sum: 1500, s~rate: 500");
+  rate->add(10);
+  clock_.AdvanceMs(4);
+  EXPECT_EQ(rate->to_string(true), "units: bytes, v~sum: 1510, s~sum: 10, s~rate: 2500");
+
+  auto netFreq = Make<net::NetFreqCounter>();
+  for (int i = 0; i < 4; ++i) netFreq->mark();
+  clock_.AdvanceMs(1000);
+  netFreq->rollover();
+  EXPECT_EQ(netFreq->to_string(false), "v~num: 4, s~num: 4, s~freq: 4");
+  netFreq->mark();
+  EXPECT_EQ(netFreq->to_string(true), "v~num: 5, s~num: 1, s~freq: 0");  // marks counted for ever
 }
 
 TEST_F(CountersTest, NetObjectCounterKeepsRunningFiguresAndRestartsPeriodOnes) {
@@ -223,91 +210,65 @@ TEST_F(CountersTest, NetObjectCounterKeepsRunningFiguresAndRestartsPeriodOnes) {
             "s~max: 1, s~freq: 2");
 }
 
-TEST_F(CountersTest, NetFreqCounterCountsMarksForEverAndPerPeriod) {
-  auto c = Make<net::NetFreqCounter>();
-  for (int i = 0; i < 4; ++i) c->mark();
+TEST_F(CountersTest, QueueCountersWeighLevelsByTimeAndKeepRunningLatencies) {
+  auto size = Make<queue::QueueSizeCounter>("items");
+  size->set(2);
   clock_.AdvanceMs(1000);
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "v~num: 4, s~num: 4, s~freq: 4");
-  c->mark();
-  EXPECT_EQ(c->to_string(true), "v~num: 5, s~num: 1, s~freq: 0");
-}
-
-TEST_F(CountersTest, NetRateCounterGivesBytesPerSecond) {
-  auto c = Make<net::NetRateCounter>();
-  c->add(1000);
-  c->add(500);
-  clock_.AdvanceMs(3000);
-  c->rollover();
-  EXPECT_EQ(c->to_string(false), "units: bytes, v~sum: 1500, s~sum: 1500, s~rate: 500");
-  c->add(10);
-  clock_.AdvanceMs(4);
-  EXPECT_EQ(c->to_string(true), "units: bytes, v~sum: 1510, s~sum: 10, s~rate: 2500");
-}
-
-TEST_F(CountersTest, QueueSizeCounterWeighsLevelsByTime) {
-  auto c = Make<queue::QueueSizeCounter>("items");
-  c->set(2);
+  size->set(4);
   clock_.AdvanceMs(1000);
-  c->set(4);
-  clock_.AdvanceMs(1000);
-  c->rollover();
+  size->rollover();
   // (2 * 1000 + 4 * 1000) / 2000
-  EXPECT_EQ(c->to_string(false),
+  EXPECT_EQ(size->to_string(false),
             "units: items, v~last: 4, v~num: 2, v~min: 2, v~max: 4, s~num: 2, s~min: 2, "
             "s~max: 4, s~twa: 3");
-  // With no change the level held all period is the average.
+  // With no change the level held all period is the average; E = 0 gives 0.
   clock_.AdvanceMs(500);
-  c->rollover();
-  EXPECT_EQ(Serialized(*c, false).sample_twa().value, 4.0);
-  // E = 0.
-  c->rollover();
-  EXPECT_EQ(Serialized(*c, false).sample_twa().value, 0.0);
-}
+  size->rollover();
+  EXPECT_EQ(Serialized(*size, false).sample_twa().value, 4.0);
+  size->rollover();
+  EXPECT_EQ(Serialized(*size, false).sample_twa().value, 0.0);
 
-TEST_F(CountersTest, QueueLatencyCounterPrintsRunningAndPeriodFigures) {
-  auto c = Make<queue::QueueLatencyCounter>();
-  c->record(5);
-  c->record(15);
-  c->rollover();
-  c->record(1);
-  c->rollover();
-  EXPECT_EQ(c->to_string(false),
+  auto latency = Make<queue::QueueLatencyCounter>();
+  latency->record(5);
+  latency->record(15);
+  latency->rollover();
+  latency->record(1);
+  latency->rollover();
+  EXPECT_EQ(latency->to_string(false),
             "units: µs, s~last: 1, v~num: 3, v~min: 1, v~max: 15, s~num: 1, s~min: 1, "
             "s~max: 1, s~sum: 1, s~avg: 1, s~p95: 1, s~p99: 1");
 }
 
 TEST_F(CountersTest, SerializeWritesTheFieldsOfTheMaskOnly) {
-  auto c = Make<UnitCounter>("items");
-  c->set(3);
-  c->set(1);
-  clock_.AdvanceMs(60000);
+  auto c = Make<SimpleUnitCounter>("MB");
+  c->set(7);
   c->rollover();
-  BasicSerializer out = Serialized(*c, false);
-  // The frozen period started when the counter was made.
+  EXPECT_EQ(c->to_string(false), "units: MB, v~last: 7");
+  EXPECT_EQ(c->to_string(true), "units: MB, v~last: 7");
+
+  auto u = Make<UnitCounter>("items");
+  u->set(3);
+  u->set(1);
+  clock_.AdvanceMs(60000);
+  u->rollover();
+  BasicSerializer out = Serialized(*u, false);
+  // The frozen period started when the counter was made, the active one at the rollover.
   EXPECT_EQ(out.timestamp().value, static_cast<uint64_t>(FakeClock::kSystemStartNs / 1000000));
+  EXPECT_EQ(Serialized(*u, true).timestamp().value,
+            static_cast<uint64_t>(FakeClock::kSystemStartNs / 1000000 + 60000));
   EXPECT_EQ(out.units().value, "items");
-  EXPECT_EQ(out.value().value, c->to_string(false));
-  EXPECT_TRUE(out.value_last().set);
+  EXPECT_EQ(out.value().value, u->to_string(false));
   EXPECT_EQ(out.value_last().value, 1.0);
   EXPECT_EQ(out.sample_num().value, 2u);
   EXPECT_EQ(out.sample_min().value, 1.0);
   EXPECT_EQ(out.sample_max().value, 3.0);
-  EXPECT_FALSE(out.sample_last().set);
-  EXPECT_FALSE(out.value_num().set);
-  EXPECT_FALSE(out.sample_avg().set);
-  EXPECT_FALSE(out.sample_freq().set);
-  EXPECT_FALSE(out.sample_p95().set);
-
-  // The active period started at the rollover.
-  EXPECT_EQ(Serialized(*c, true).timestamp().value,
-            static_cast<uint64_t>(FakeClock::kSystemStartNs / 1000000 + 60000));
-
-  auto f = Make<FrequencyCounter>();
-  BasicSerializer freq = Serialized(*f, true);
+  for (bool set : {out.sample_last().set, out.value_num().set, out.sample_avg().set,
+                   out.sample_freq().set, out.sample_p95().set}) {
+    EXPECT_FALSE(set);
+  }
+  BasicSerializer freq = Serialized(*Make<FrequencyCounter>(), true);
   EXPECT_FALSE(freq.units().set);
   EXPECT_FALSE(freq.value_last().set);
-  EXPECT_FALSE(freq.sample_last().set);
   EXPECT_TRUE(freq.sample_freq().set);
 }
 
@@ -315,8 +276,7 @@ TEST_F(CountersTest, SerializeWritesTheFieldsOfTheMaskOnly) {
 TEST(CountersConcurrencyTest, UpdatesAndRolloversFromManyThreads) {
   auto level = Make<UnitCounter>();
   auto latency = Make<LatencyStatsCounter>();
-  constexpr int kThreads = 4;
-  constexpr int kPerThread = 5000;
+  constexpr uint64_t kUpdates = 4 * 5000;
   std::atomic<bool> done{false};
   uint64_t frozenSamples = 0;
   std::thread collector([&] {
@@ -327,9 +287,9 @@ TEST(CountersConcurrencyTest, UpdatesAndRolloversFromManyThreads) {
     }
   });
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < kPerThread; ++i) {
+      for (int i = 0; i < 5000; ++i) {
         level->increment();
         latency->record(static_cast<uint64_t>(i));
       }
@@ -340,10 +300,9 @@ TEST(CountersConcurrencyTest, UpdatesAndRolloversFromManyThreads) {
   collector.join();
   latency->rollover();
   frozenSamples += Serialized(*latency, false).sample_num().value;
-  EXPECT_EQ(frozenSamples, static_cast<uint64_t>(kThreads * kPerThread));
-  EXPECT_EQ(Serialized(*level, true).value_last().value, kThreads * kPerThread);
-  EXPECT_EQ(Serialized(*level, true).sample_num().value,
-            static_cast<uint64_t>(kThreads * kPerThread));
+  EXPECT_EQ(frozenSamples, kUpdates);
+  EXPECT_EQ(Serialized(*level, true).value_last().value, kUpdates);
+  EXPECT_EQ(Serialized(*level, true).sample_num().value, kUpdates);
 }
 
 }  // namespace

@@ -66,7 +66,7 @@ TEST_F(MetricKeyTest, SubkeySplitsOnSlashesAndFindsExistingNodes) {
   EXPECT_EQ(Names(root_->subkey("a")), (std::vector<std::string>{"b", "d"}));
 }
 
-TEST_F(MetricKeyTest, InstanceEscapesSlashesSoAUriIsOneNode) {
+TEST_F(MetricKeyTest, InstanceEscapesSlashesSoAUriIsOneNodeOfItsOwnKind) {
   MetricKeyPtr family = root_->subkey("net/connection");
   MetricKeyPtr inst = family->instance("tcp://a/b");
   EXPECT_EQ(inst->name(), "tcp:\\\\a\\b");
@@ -74,19 +74,13 @@ TEST_F(MetricKeyTest, InstanceEscapesSlashesSoAUriIsOneNode) {
   EXPECT_EQ(inst->parent(), family.get());
   EXPECT_EQ(Names(family), (std::vector<std::string>{"tcp:\\\\a\\b"}));
   EXPECT_EQ(family->instance("tcp://a/b"), inst);
-}
-
-TEST_F(MetricKeyTest, KindsDoNotShareANode) {
+  // Kinds do not share a node.
+  EXPECT_THROW(family->subkey("tcp:\\\\a\\b"), std::invalid_argument);
   root_->subkey("x");
-  root_->instance("y");
   EXPECT_THROW(root_->instance("x"), std::invalid_argument);
-  EXPECT_THROW(root_->subkey("y/z"), std::invalid_argument);
-}
 
-TEST(InstanceNameTest, JoinsLabelsInTheOrderGiven) {
   EXPECT_EQ(InstanceName({}), "");
-  EXPECT_EQ(InstanceName({{"app", "DORN"}}), "app=DORN");
-  EXPECT_EQ(InstanceName({{"port", "9002"}, {"app", "DORN"}}), "port=9002,app=DORN");
+  EXPECT_EQ(InstanceName({{"port", "9002"}, {"app", "DORN"}}), "port=9002,app=DORN");  // as given
 }
 
 TEST_F(MetricKeyTest, AReferencedChildKeepsItsParentsReferenced) {
@@ -107,16 +101,11 @@ TEST_F(MetricKeyTest, AReferencedChildKeepsItsParentsReferenced) {
   EXPECT_EQ(raw->ref_count(), 0);
   EXPECT_EQ(a->ref_count(), 0);
   EXPECT_EQ(root_->ref_count(), rootRefs);
-  // Released keys stay in the tree until a sweep.
+  // Released keys stay in the tree until a sweep; a release at zero changes nothing.
   EXPECT_EQ(root_->subkey("a")->find_subkey("b").get(), raw);
-}
-
-TEST_F(MetricKeyTest, ReleaseAtZeroChangesNothing) {
-  const int32_t rootRefs = root_->ref_count();
-  MetricKey* raw = root_->subkey("once").get();
-  ASSERT_EQ(raw->ref_count(), 0);
   raw->release();
   EXPECT_EQ(raw->ref_count(), 0);
+  EXPECT_EQ(a->ref_count(), 0);
   EXPECT_EQ(root_->ref_count(), rootRefs);
 }
 
@@ -163,57 +152,47 @@ TEST_F(MetricKeyTest, TheLastReferenceToTheRootDeletesTheTree) {
   EXPECT_TRUE(destroyed.load());
 }
 
-TEST_F(MetricKeyTest, CollectRollsTheValueOver) {
+TEST_F(MetricKeyTest, MetricsOnOneKeyShareTheValueAndCollectRollsItOver) {
   MetricKeyPtr key = root_->subkey("k");
-  EXPECT_FALSE(key->collect());
-  Metric<UnitCounter> m(key);
-  m->set(3);
-  EXPECT_TRUE(key->collect());
-  EXPECT_EQ(m->to_string(false), "v~last: 3, s~num: 1, s~min: 3, s~max: 3");
-}
-
-TEST_F(MetricKeyTest, SetValueOfAnotherTypeWarns) {
-  MetricKeyPtr key = root_->subkey("k");
-  key->set_value(MetricValuePtr(new UnitCounter()));
-  key->set_value(MetricValuePtr(new UnitCounter()));
-  EXPECT_TRUE(SyslogCapture::Take().empty());
-  key->set_value(MetricValuePtr(new FrequencyCounter()));
-  auto lines = SyslogCapture::Take();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].second.find("level=\"WARN\""), std::string::npos) << lines[0].second;
-  EXPECT_NE(lines[0].second.find("MKey[k 1]: changing value type!"), std::string::npos)
-      << lines[0].second;
-  EXPECT_EQ(key->get_value()->type(), FrequencyCounter::kType);
-}
-
-TEST_F(MetricKeyTest, MetricsOnOneKeyShareTheValue) {
-  MetricKeyPtr key = root_->subkey("k");
+  EXPECT_FALSE(key->collect());  // no value yet
   Metric<UnitCounter> first(key, "items");
   Metric<UnitCounter> second(root_->subkey("k"), "ignored");
   first->increment();
   second->increment();
   EXPECT_EQ(first.value(), second.value());
   EXPECT_EQ(first->to_string(true), "units: items, v~last: 2, s~num: 2, s~min: 1, s~max: 2");
+  EXPECT_TRUE(key->collect());
+  EXPECT_EQ(first->to_string(false), "units: items, v~last: 2, s~num: 2, s~min: 1, s~max: 2");
 }
 
-TEST_F(MetricKeyTest, MetricOfTheWrongTypeLogsAndThrows) {
+// A value of another type: set_value replaces it with a warning, a Metric
+// refuses it with an error and an exception.
+TEST_F(MetricKeyTest, ValueOfAnotherType) {
   MetricKeyPtr key = root_->subkey("k");
+  key->set_value(MetricValuePtr(new FrequencyCounter()));
+  key->set_value(MetricValuePtr(new FrequencyCounter()));
+  EXPECT_TRUE(SyslogCapture::Take().empty());
+  key->set_value(MetricValuePtr(new UnitCounter()));
+  auto lines = SyslogCapture::Take();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_NE(lines[0].second.find("level=\"WARN\"] MKey[k 1]: changing value type!"),
+            std::string::npos)
+      << lines[0].second;
+  EXPECT_EQ(key->get_value()->type(), UnitCounter::kType);
+
   Metric<UnitCounter> unit(key);
-  SyslogCapture::Take();
+  const char* text = "Metric: wrong value type (6442450944 != 139586437120)";
   try {
     Metric<FrequencyCounter> freq(key);
     FAIL() << "no exception";
   } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Metric: wrong value type (6442450944 != 139586437120)");
+    EXPECT_STREQ(e.what(), text);
   }
-  auto lines = SyslogCapture::Take();
+  lines = SyslogCapture::Take();
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_NE(lines[0].second.find("errorCode=\"MXLIB200\"] Metric: wrong value type "
-                                 "(6442450944 != 139586437120)"),
-            std::string::npos)
+  EXPECT_NE(lines[0].second.find(std::string("errorCode=\"MXLIB200\"] ") + text), std::string::npos)
       << lines[0].second;
-  // The key keeps its first value.
-  EXPECT_EQ(key->get_value().get(), unit.value());
+  EXPECT_EQ(key->get_value().get(), unit.value());  // the key keeps its value
 }
 
 TEST_F(MetricKeyTest, ReportNamesTheKeyAndTagsInstances) {
@@ -242,19 +221,13 @@ TEST_F(MetricKeyTest, ReportNamesTheKeyAndTagsInstances) {
   EXPECT_FALSE(out.name().set);
 }
 
-TEST(MetricRegistryTest, RootIsTheNamespaceKey) {
-  MetricRegistry registry;
-  EXPECT_EQ(registry.root()->path(), "/zel");
-  EXPECT_EQ(registry.tree_root()->name(), "/");
-  EXPECT_EQ(registry.tree_root()->subkey("zel"), registry.root());
-  MetricRegistry other("/zel/agent");
-  EXPECT_EQ(other.root()->path(), "/zel/agent");
-}
-
-TEST(MetricRegistryTest, MetricsOutliveTheRegistry) {
+TEST(MetricRegistryTest, RootIsTheNamespaceKeyAndMetricsOutliveTheRegistry) {
   Metric<UnitCounter> m;
   {
     MetricRegistry registry;
+    EXPECT_EQ(registry.root()->path(), "/zel");
+    EXPECT_EQ(registry.tree_root()->subkey("zel"), registry.root());
+    EXPECT_EQ(MetricRegistry("/zel/agent").root()->path(), "/zel/agent");
     m = Metric<UnitCounter>(registry.root()->subkey("a/b"));
   }
   m->increment();
