@@ -1,7 +1,6 @@
 #include "mpalib/mpa_lib_client.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
 
 #include <chrono>
 #include <cstring>
@@ -49,6 +48,24 @@ const Element* Find(const std::vector<Element>& elements, const std::string& key
   return nullptr;
 }
 
+// A client registered with the fake MPA: its cookie, the MPA's end of the
+// connection and the registration document the MPA read.
+struct Conn {
+  std::unique_ptr<MpaLibClient> client;
+  int cookie = -1;
+  int peer = -1;
+  std::vector<Element> registration;
+};
+
+rmqClientMessage Message(int32_t type, const char* contentType, const char* routingKey) {
+  rmqClientMessage m;
+  std::memset(&m, 0, sizeof m);
+  m.messageType = type;
+  m.amqpContentType = contentType;
+  m.amqpRoutingKey = routingKey;
+  return m;
+}
+
 class MpaLibClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -58,46 +75,41 @@ class MpaLibClientTest : public ::testing::Test {
     Inbox::Clear();
   }
 
-  // Initialises `client` against the fake MPA, accepts its connection and
-  // reads its registration.
-  void Connect(MpaLibClient& client, int* cookie, int* peer,
-               std::vector<Element>* registration = nullptr,
-               const bson* headers = nullptr) {
-    ASSERT_EQ(0, client.Init("127.0.0.1", mpa_.portText().c_str(), headers, cookie));
-    ASSERT_GE(*cookie, 0);
-    *peer = mpa_.Accept();
-    ASSERT_GE(*peer, 0);
+  Conn Open(int connectionType = 1, const bson* headers = nullptr,
+            rmqClientCallback callback = &Inbox::Callback) {
+    Conn c;
+    c.client = std::make_unique<MpaLibClient>(kApp, connectionType, callback);
+    EXPECT_EQ(0, c.client->Init("127.0.0.1", mpa_.portText().c_str(), headers, &c.cookie));
+    c.peer = mpa_.Accept();
+    EXPECT_GE(c.peer, 0);
+    c.registration = ReadMessage(c.peer);
+    return c;
+  }
+
+  // The document the library wrote next on `peer`.
+  static std::vector<Element> ReadMessage(int peer) {
     Bytes doc;
-    ASSERT_TRUE(FakeMpa::ReadFrame(*peer, &doc));
     std::vector<Element> elements;
-    ASSERT_TRUE(mpa_test::ParseDoc(doc, &elements));
-    if (registration != nullptr) *registration = elements;
-  }
-
-  // Writes `bytes` and lets the client read once they are there.
-  int Feed(MpaLibClient& client, int cookie, int peer, const Bytes& bytes) {
-    EXPECT_TRUE(mpa_test::WriteAll(peer, bytes));
-    EXPECT_TRUE(mpa_test::WaitReadable(cookie));
-    return client.Receive();
-  }
-
-  // The data message the library wrote next on `peer`.
-  std::vector<Element> ReadMessage(int peer) {
-    Bytes doc;
     EXPECT_TRUE(FakeMpa::ReadFrame(peer, &doc));
-    std::vector<Element> elements;
     EXPECT_TRUE(mpa_test::ParseDoc(doc, &elements));
     return elements;
   }
 
+  // Writes `bytes` and lets the client read once they are there.
+  static int Feed(Conn& c, const Bytes& bytes) {
+    EXPECT_TRUE(mpa_test::WriteAll(c.peer, bytes));
+    EXPECT_TRUE(mpa_test::WaitReadable(c.cookie));
+    return c.client->Receive();
+  }
+
   static Bytes FullDataDoc() {
-    Bytes headers = Doc().String("amqp_correlationId", "corr-1").String("amqp_replyTo", "q").Finish();
     return Doc()
         .Int64("msg_type", 8)
         .String("app_type", kApp)
         .String("app_id", "mp-app")
         .Int64("mp-version", (int64_t{7} << 32) | 3)
-        .Object("amqp_headers", headers)
+        .Object("amqp_headers",
+                Doc().String("amqp_correlationId", "corr-1").String("amqp_replyTo", "q").Finish())
         .String("amqp_routing_key", "rk")
         .String("content_type", "application/protobuf")
         .Int64("payload_len", 4)
@@ -107,47 +119,13 @@ class MpaLibClientTest : public ::testing::Test {
         .Finish();
   }
 
-  // Body of a death test: a document with element type 25.
-  void FeedUnknownType() {
-    MpaLibClient client(kApp, 1, &Inbox::Callback);
-    int cookie = -1;
-    int peer = -1;
-    Connect(client, &cookie, &peer);
-    Feed(client, cookie, peer, Frame(Doc().Raw(25, "odd", Bytes{}).Finish()));
-  }
-
-  // Body of a death test: a send to a peer that never reads, with a small
-  // retry budget. Exits with 3 should the send ever return.
-  void SendToStuckPeer() {
-    zel::log_testing::SetSyslogSinkForTest(&LogLines::ToStderr);
-    MpaLibClient::SetSendRetryLimitForTest(20);
-    MpaLibClient client(kApp, 1, &Inbox::Callback);
-    int cookie = -1;
-    int peer = -1;
-    Connect(client, &cookie, &peer);
-    // Far more than the socket buffers of both ends can hold.
-    std::vector<uint8_t> big(32 * 1024 * 1024, 0x5a);
-    rmqClientMessage m;
-    std::memset(&m, 0, sizeof m);
-    m.messageType = 3;
-    m.amqpContentType = "ct";
-    m.amqpRoutingKey = "rk";
-    m.payload = big.data();
-    m.payloadLen = static_cast<int64_t>(big.size());
-    client.Send(&m, client.GetSessionId().c_str(), nullptr);
-    std::exit(3);
-  }
-
   FakeMpa mpa_;
 };
 
 TEST_F(MpaLibClientTest, RegistrationFrameLayoutAndCookie) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  std::vector<Element> reg;
-  Connect(client, &cookie, &peer, &reg);
-
-  EXPECT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2",
+  Conn c = Open();
+  const std::vector<Element>& reg = c.registration;
+  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2",
                                       "amqp-message-id:2", "session-id:2"}),
             Layout(reg));
   EXPECT_EQ(1, reg[0].i64);
@@ -157,36 +135,23 @@ TEST_F(MpaLibClientTest, RegistrationFrameLayoutAndCookie) {
   EXPECT_EQ("no-session", reg[4].text);
 
   // The cookie is the connected descriptor, non-blocking from here on.
-  EXPECT_EQ(cookie, client.GetCookieId());
-  EXPECT_TRUE(fcntl(cookie, F_GETFL) & O_NONBLOCK);
-  sockaddr_in peerAddr{};
-  socklen_t len = sizeof peerAddr;
-  ASSERT_EQ(0, getpeername(cookie, reinterpret_cast<sockaddr*>(&peerAddr), &len));
-  EXPECT_EQ(mpa_.port(), ntohs(peerAddr.sin_port));
-  EXPECT_TRUE(IsUuidText(client.GetSessionId())) << client.GetSessionId();
+  EXPECT_EQ(c.cookie, c.client->GetCookieId());
+  EXPECT_TRUE(fcntl(c.cookie, F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(IsUuidText(c.client->GetSessionId())) << c.client->GetSessionId();
 
-  // Every registration draws a fresh session and a higher message id.
-  MpaLibClient second(kApp, 1, &Inbox::Callback);
-  int cookie2 = -1, peer2 = -1;
-  std::vector<Element> reg2;
-  Connect(second, &cookie2, &peer2, &reg2);
-  EXPECT_NE(client.GetSessionId(), second.GetSessionId());
-  EXPECT_GT(std::stoull(reg2[3].text), std::stoull(reg[3].text));
-}
-
-TEST_F(MpaLibClientTest, RegistrationCarriesHeadersAndOtherConnectionTypes) {
+  // Every registration draws a fresh session and a higher message id;
+  // connection type 3 registers as type 6, with the headers given.
   BSON headers;
   ASSERT_EQ(0, headers.appendString("vertical", "dorn"));
   ASSERT_EQ(0, headers.finish());
-  MpaLibClient client(kApp, 3, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  std::vector<Element> reg;
-  Connect(client, &cookie, &peer, &reg, headers.raw());
-  EXPECT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2", "amqp_headers:3",
+  Conn second = Open(3, headers.raw());
+  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2", "amqp_headers:3",
                                       "amqp-message-id:2", "session-id:2"}),
-            Layout(reg));
-  EXPECT_EQ(6, reg[0].i64);  // connection type 3 registers as type 6
-  EXPECT_EQ(Doc().String("vertical", "dorn").Finish(), reg[3].bytes);
+            Layout(second.registration));
+  EXPECT_EQ(6, second.registration[0].i64);
+  EXPECT_EQ(Doc().String("vertical", "dorn").Finish(), second.registration[3].bytes);
+  EXPECT_NE(c.client->GetSessionId(), second.client->GetSessionId());
+  EXPECT_GT(std::stoull(second.registration[4].text), std::stoull(reg[3].text));
 }
 
 TEST_F(MpaLibClientTest, InitFailures) {
@@ -195,14 +160,11 @@ TEST_F(MpaLibClientTest, InitFailures) {
   EXPECT_EQ(-2003, client.Init(nullptr, "1", nullptr, &cookie));
   EXPECT_EQ(-1, cookie);
   EXPECT_EQ(-2003, client.Init("127.0.0.1", nullptr, nullptr, &cookie));
-
-  MpaLibClient hcom(kApp, 2, &Inbox::Callback);
-  EXPECT_EQ(-1, hcom.Init("127.0.0.1", "1", nullptr, &cookie));
+  for (int hcom : {2, 4}) {
+    EXPECT_EQ(-1, MpaLibClient(kApp, hcom, &Inbox::Callback).Init("127.0.0.1", "1", nullptr, &cookie));
+  }
   EXPECT_TRUE(LogLines::Contains({"MPA122", "HCOM is not supported in this release"}));
-  MpaLibClient hcom4(kApp, 4, &Inbox::Callback);
-  EXPECT_EQ(-1, hcom4.Init("127.0.0.1", "1", nullptr, &cookie));
-  MpaLibClient bad(kApp, 9, &Inbox::Callback);
-  EXPECT_EQ(-2010, bad.Init("127.0.0.1", "1", nullptr, &cookie));
+  EXPECT_EQ(-2010, MpaLibClient(kApp, 9, &Inbox::Callback).Init("127.0.0.1", "1", nullptr, &cookie));
   EXPECT_TRUE(LogLines::Contains({"MPA129", "Invalid client connection type specified 9"}));
 
   // Nothing listens: a socket exception, reported at debug level only.
@@ -221,32 +183,24 @@ TEST_F(MpaLibClientTest, InitFailures) {
 }
 
 TEST_F(MpaLibClientTest, DataMessageLayout) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  std::vector<Element> reg;
-  Connect(client, &cookie, &peer, &reg);
-  const std::string session = client.GetSessionId();
-
+  Conn c = Open();
+  const std::string session = c.client->GetSessionId();
   BSON headers;
   ASSERT_EQ(0, headers.appendString("amqp_correlationId", "c-9"));
   ASSERT_EQ(0, headers.finish());
   const uint8_t payload[] = {9, 8, 7, 0, 6};
-  rmqClientMessage m;
-  std::memset(&m, 0, sizeof m);
-  m.messageType = 3;
+  rmqClientMessage m = Message(3, "application/protobuf", "route");
   m.appType = "ignored: the client's own type is sent";
-  m.cookieId = cookie;
+  m.cookieId = c.cookie;
   m.amqpHeaders = headers.raw();
-  m.amqpContentType = "application/protobuf";
-  m.amqpRoutingKey = "route";
   m.payload = payload;
   m.payloadLen = sizeof payload;
   char id[kMpaMessageIdSize];
   std::memset(id, 'x', sizeof id);
-  ASSERT_EQ(0, client.Send(&m, session.c_str(), id));
+  ASSERT_EQ(0, c.client->Send(&m, session.c_str(), id));
 
-  std::vector<Element> msg = ReadMessage(peer);
-  EXPECT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:8", "amqp_headers:3",
+  std::vector<Element> msg = ReadMessage(c.peer);
+  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:8", "amqp_headers:3",
                                       "content_type:2", "amqp_routing_key:2", "amqp_payload:5",
                                       "payload_len:18", "amqp-message-id:2", "session-id:2"}),
             Layout(msg));
@@ -260,47 +214,35 @@ TEST_F(MpaLibClientTest, DataMessageLayout) {
   EXPECT_EQ(Bytes(payload, payload + sizeof payload), msg[6].bytes);
   EXPECT_EQ(5, msg[7].i64);
   // One global counter numbers all messages.
-  EXPECT_EQ(std::to_string(std::stoull(reg[3].text) + 1), msg[8].text);
+  EXPECT_EQ(std::to_string(std::stoull(c.registration[3].text) + 1), msg[8].text);
   EXPECT_EQ(session, msg[9].text);
-  EXPECT_TRUE(IsUuidText(msg[9].text));
-
   EXPECT_EQ(session + ":" + msg[8].text, std::string(id));
   for (size_t i = std::strlen(id); i < sizeof id; ++i) ASSERT_EQ('\0', id[i]) << i;
 }
 
 TEST_F(MpaLibClientTest, SendEdgeCases) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-  const std::string session = client.GetSessionId();
+  Conn c = Open();
+  const std::string session = c.client->GetSessionId();
   const uint8_t payload[] = {1};
-  rmqClientMessage m;
-  std::memset(&m, 0, sizeof m);
-  m.messageType = 3;
-  m.amqpContentType = "ct";
-  m.amqpRoutingKey = "rk";
-  m.payload = payload;
-  m.payloadLen = 0;
   char id[kMpaMessageIdSize];
 
   // Missing content type or routing key: -1 and nothing is written; the
   // next frame on the wire is the valid message below.
-  m.amqpContentType = nullptr;
-  EXPECT_EQ(-1, client.Send(&m, session.c_str(), id));
+  rmqClientMessage m = Message(3, nullptr, "rk");
+  EXPECT_EQ(-1, c.client->Send(&m, session.c_str(), id));
   EXPECT_EQ(session + ":no-seq", std::string(id));
   EXPECT_TRUE(LogLines::Contains({"amqpContentType is not specified"}));
-  m.amqpContentType = "ct";
-  m.amqpRoutingKey = nullptr;
-  EXPECT_EQ(-1, client.Send(&m, session.c_str(), nullptr));
-  m.amqpRoutingKey = "rk";
-
-  EXPECT_EQ(-2003, client.Send(nullptr, session.c_str(), id));
+  m = Message(3, "ct", nullptr);
+  EXPECT_EQ(-1, c.client->Send(&m, session.c_str(), nullptr));
+  EXPECT_EQ(-2003, c.client->Send(nullptr, session.c_str(), id));
   EXPECT_EQ(session + ":no-seq", std::string(id));
 
   // A payload pointer with length 0 writes neither payload key; a missing
   // session is sent and reported as "no-session".
-  ASSERT_EQ(0, client.Send(&m, nullptr, id));
-  std::vector<Element> msg = ReadMessage(peer);
+  m = Message(3, "ct", "rk");
+  m.payload = payload;
+  ASSERT_EQ(0, c.client->Send(&m, nullptr, id));
+  std::vector<Element> msg = ReadMessage(c.peer);
   EXPECT_EQ(nullptr, Find(msg, "amqp_payload"));
   EXPECT_EQ(nullptr, Find(msg, "payload_len"));
   EXPECT_EQ(nullptr, Find(msg, "amqp_headers"));
@@ -312,38 +254,33 @@ TEST_F(MpaLibClientTest, SendEdgeCases) {
   BSON open;
   ASSERT_EQ(0, open.appendInt("k", 1));
   m.amqpHeaders = open.raw();
-  EXPECT_EQ(-1132, client.Send(&m, session.c_str(), nullptr));
+  EXPECT_EQ(-1132, c.client->Send(&m, session.c_str(), nullptr));
   EXPECT_TRUE(LogLines::Contains({"MPA1501", "Failed in appending bson amqpHeaders"}));
-  m.amqpHeaders = nullptr;
 
   // After a close the send fails.
-  client.Close(false);
-  EXPECT_EQ(-2005, client.Send(&m, session.c_str(), nullptr));
+  m.amqpHeaders = nullptr;
+  c.client->Close(false);
+  EXPECT_EQ(-2005, c.client->Send(&m, session.c_str(), nullptr));
 }
 
 TEST_F(MpaLibClientTest, ReceiveDeliversEveryField) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-
-  Bytes doc = FullDataDoc();
-  EXPECT_EQ(0, Feed(client, cookie, peer, Frame(doc)));
+  Conn c = Open();
+  EXPECT_EQ(0, Feed(c, Frame(FullDataDoc())));
   Received r;
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(8, r.type);
   EXPECT_EQ(kApp, r.appType);
   EXPECT_EQ("mp-app", r.appId);
-  EXPECT_EQ(cookie, r.cookie);
+  EXPECT_EQ(c.cookie, r.cookie);
   EXPECT_EQ(7, r.major);
   EXPECT_EQ(3, r.minor);
   EXPECT_EQ("rk", r.routingKey);
   EXPECT_EQ("application/protobuf", r.contentType);
   EXPECT_EQ(4, r.payloadLen);
   EXPECT_EQ((Bytes{1, 2, 3, 4}), r.payload);
-  ASSERT_TRUE(r.hasHeaders);
-  ASSERT_TRUE(r.headersWellFormed);
+  ASSERT_TRUE(r.headers);
   std::vector<Element> headers;
-  ASSERT_TRUE(mpa_test::ParseDoc(r.headers, &headers));
+  ASSERT_TRUE(mpa_test::ParseDoc(*r.headers, &headers));
   ASSERT_EQ(2u, headers.size());
   EXPECT_EQ("amqp_correlationId", headers[0].key);
   EXPECT_EQ("corr-1", headers[0].text);
@@ -352,27 +289,23 @@ TEST_F(MpaLibClientTest, ReceiveDeliversEveryField) {
 }
 
 TEST_F(MpaLibClientTest, UnknownKeysAreLoggedAndMissingFieldsStayZero) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-
-  Bytes doc = Doc()
-                  .String("extra_s", "x")
-                  .Int64("extra_l", 42)
-                  .Object("extra_o", Doc().Finish())
-                  .Binary("extra_b", Bytes{1, 2, 3})
-                  .Int32("extra_i", 1)
-                  .Double("extra_d", 1.5)
-                  .String("content_type", "ct")
-                  .Finish();
-  EXPECT_EQ(0, Feed(client, cookie, peer, Frame(doc)));
+  Conn c = Open();
+  EXPECT_EQ(0, Feed(c, Frame(Doc()
+                                 .String("extra_s", "x")
+                                 .Int64("extra_l", 42)
+                                 .Object("extra_o", Doc().Finish())
+                                 .Binary("extra_b", Bytes{1, 2, 3})
+                                 .Int32("extra_i", 1)
+                                 .Double("extra_d", 1.5)
+                                 .String("content_type", "ct")
+                                 .Finish())));
   Received r;
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(0, r.type);
-  EXPECT_FALSE(r.hasAppType);
-  EXPECT_FALSE(r.hasAppId);
-  EXPECT_FALSE(r.hasPayload);
-  EXPECT_FALSE(r.hasHeaders);
+  EXPECT_FALSE(r.appType);
+  EXPECT_FALSE(r.appId);
+  EXPECT_FALSE(r.payload);
+  EXPECT_FALSE(r.headers);
   EXPECT_EQ(0, r.payloadLen);
   EXPECT_EQ("ct", r.contentType);
   EXPECT_TRUE(LogLines::Contains({"Unsupported string key:extra_s and value:x in BSON, ignoring"}));
@@ -383,55 +316,44 @@ TEST_F(MpaLibClientTest, UnknownKeysAreLoggedAndMissingFieldsStayZero) {
   EXPECT_TRUE(LogLines::Contains({"MPALIBCLIENT: Nonsupported type 4"}));  // double
 }
 
-TEST_F(MpaLibClientTest, FrameSplitAtEveryByteIsAssembled) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
+TEST_F(MpaLibClientTest, FrameSplitAnywhereIsAssembled) {
+  Conn c = Open();
   const Bytes frame = Frame(FullDataDoc());
-
-  // Offsets 1 to 4 cut the length prefix; 4 leaves exactly a whole prefix
-  // at the end of the first read.
-  for (size_t cut = 1; cut < frame.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    Bytes first(frame.begin(), frame.begin() + cut);
-    Bytes second(frame.begin() + cut, frame.end());
-    ASSERT_EQ(0, Feed(client, cookie, peer, first));
-    ASSERT_EQ(0u, Inbox::Size());
-    ASSERT_EQ(0, Feed(client, cookie, peer, second));
+  auto expectDelivered = [] {
     Received r;
     ASSERT_TRUE(Inbox::Take(&r, 0));
     EXPECT_EQ(8, r.type);
     EXPECT_EQ((Bytes{1, 2, 3, 4}), r.payload);
-    EXPECT_TRUE(r.headersWellFormed);
+    EXPECT_TRUE(r.headers && !r.headers->empty());
+  };
+  // Every cut point: 1 to 3 cut the length prefix, 4 leaves exactly a whole
+  // prefix at the end of the first read.
+  for (size_t cut = 1; cut < frame.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    ASSERT_EQ(0, Feed(c, Bytes(frame.begin(), frame.begin() + cut)));
+    ASSERT_EQ(0u, Inbox::Size());
+    ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + cut, frame.end())));
+    expectDelivered();
   }
-}
-
-TEST_F(MpaLibClientTest, PrefixCutAcrossThreeReads) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-  const Bytes frame = Frame(FullDataDoc());
-  ASSERT_EQ(0, Feed(client, cookie, peer, Bytes(frame.begin(), frame.begin() + 1)));
-  ASSERT_EQ(0, Feed(client, cookie, peer, Bytes(frame.begin() + 1, frame.begin() + 3)));
-  ASSERT_EQ(0, Feed(client, cookie, peer, Bytes(frame.begin() + 3, frame.begin() + 4)));
+  // The prefix over three reads.
+  const std::pair<int, int> prefixPieces[] = {{0, 1}, {1, 3}, {3, 4}};
+  for (auto [from, to] : prefixPieces) {
+    ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + from, frame.begin() + to)));
+  }
   ASSERT_EQ(0u, Inbox::Size());
-  ASSERT_EQ(0, Feed(client, cookie, peer, Bytes(frame.begin() + 4, frame.end())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(8, r.type);
+  ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + 4, frame.end())));
+  expectDelivered();
 }
 
 TEST_F(MpaLibClientTest, SeveralFramesInOneReadAreDeliveredInOrder) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
+  Conn c = Open();
   Bytes both = Frame(Doc().Int64("msg_type", 2).Finish());
   Bytes second = Frame(Doc().Int64("msg_type", 3).String("amqp_routing_key", "b").Finish());
   Bytes third = Frame(Doc().Int64("msg_type", 9).Finish());
   both.insert(both.end(), second.begin(), second.end());
   // The third frame is cut after its prefix and two bytes of its document.
   both.insert(both.end(), third.begin(), third.begin() + 6);
-  ASSERT_EQ(0, Feed(client, cookie, peer, both));
+  ASSERT_EQ(0, Feed(c, both));
   Received r;
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(2, r.type);
@@ -439,29 +361,26 @@ TEST_F(MpaLibClientTest, SeveralFramesInOneReadAreDeliveredInOrder) {
   EXPECT_EQ(3, r.type);
   EXPECT_EQ("b", r.routingKey);
   EXPECT_EQ(0u, Inbox::Size());
-  ASSERT_EQ(0, Feed(client, cookie, peer, Bytes(third.begin() + 6, third.end())));
+  ASSERT_EQ(0, Feed(c, Bytes(third.begin() + 6, third.end())));
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(9, r.type);
-
   // A read that ended exactly with a message left nothing behind.
-  ASSERT_EQ(0, Feed(client, cookie, peer, Frame(Doc().Int64("msg_type", 13).Finish())));
+  ASSERT_EQ(0, Feed(c, Frame(Doc().Int64("msg_type", 13).Finish())));
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(13, r.type);
 }
 
 TEST_F(MpaLibClientTest, LargeMessageSpansManyReads) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
+  Conn c = Open();
   Bytes payload(10000);
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 7);
-  Bytes frame = Frame(Doc().Int64("msg_type", 8).Binary("amqp_payload", payload).Finish());
-  ASSERT_TRUE(mpa_test::WriteAll(peer, frame));
+  ASSERT_TRUE(mpa_test::WriteAll(
+      c.peer, Frame(Doc().Int64("msg_type", 8).Binary("amqp_payload", payload).Finish())));
   int reads = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (Inbox::Size() == 0 && std::chrono::steady_clock::now() < deadline) {
-    if (!mpa_test::WaitReadable(cookie, 100)) continue;
-    ASSERT_EQ(0, client.Receive());
+    if (!mpa_test::WaitReadable(c.cookie, 100)) continue;
+    ASSERT_EQ(0, c.client->Receive());
     ++reads;
   }
   Received r;
@@ -473,52 +392,44 @@ TEST_F(MpaLibClientTest, LargeMessageSpansManyReads) {
 }
 
 TEST_F(MpaLibClientTest, PeerThatClosesMidFrameEndsTheClientsStream) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
+  Conn c = Open();
   const Bytes frame = Frame(FullDataDoc());
-  ASSERT_TRUE(mpa_test::WriteAll(peer, Bytes(frame.begin(), frame.begin() + frame.size() / 2)));
-  mpa_.ClosePeer(peer);
-  ASSERT_TRUE(mpa_test::WaitReadable(cookie));
-  EXPECT_EQ(-1, client.Receive());
+  ASSERT_TRUE(mpa_test::WriteAll(c.peer, Bytes(frame.begin(), frame.begin() + frame.size() / 2)));
+  mpa_.ClosePeer(c.peer);
+  ASSERT_TRUE(mpa_test::WaitReadable(c.cookie));
+  EXPECT_EQ(-1, c.client->Receive());
   EXPECT_TRUE(LogLines::Contains({"MPA122", "Socket Exception while processing recvall on socket",
                                   "Reason SocketShutdown"}));
   EXPECT_EQ(0u, Inbox::Size());
 }
 
 TEST_F(MpaLibClientTest, MalformedFramesAreNotDelivered) {
-  struct Case {
-    const char* name;
-    Bytes frame;
-  };
-  Bytes good = Doc().Int64("msg_type", 8).Finish();
+  const Bytes good = Doc().Int64("msg_type", 8).Finish();
   Bytes lengthMismatch = good;
-  lengthMismatch[0] = static_cast<uint8_t>(lengthMismatch[0] + 1);
+  ++lengthMismatch[0];
   Bytes noTerminator = good;
   noTerminator.back() = 1;
-  Bytes stringPastEnd = Doc().Raw(2, "app_type", Bytes{0x40, 0, 0, 0, 'a', 0}).Finish();
-  std::vector<Case> cases = {
+  const std::pair<const char*, Bytes> cases[] = {
       {"empty frame", Frame(Bytes{})},
       {"document length differs from frame", Frame(lengthMismatch)},
       {"no closing NUL", Frame(noTerminator)},
-      {"string runs past the end", Frame(stringPastEnd)},
+      {"string runs past the end",
+       Frame(Doc().Raw(2, "app_type", Bytes{0x40, 0, 0, 0, 'a', 0}).Finish())},
       {"payload_len above the binary",
        Frame(Doc().Int64("payload_len", 9).Binary("amqp_payload", Bytes{1}).Finish())},
       {"payload_len without payload", Frame(Doc().Int64("payload_len", 9).Finish())},
       {"negative payload_len",
        Frame(Doc().Int64("payload_len", -1).Binary("amqp_payload", Bytes{1}).Finish())},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    MpaLibClient client(kApp, 1, &Inbox::Callback);
-    int cookie = -1, peer = -1;
-    Connect(client, &cookie, &peer);
+  for (const auto& [name, frame] : cases) {
+    SCOPED_TRACE(name);
+    Conn c = Open();
     // The bad frame is dropped; the frame after it in the same read is
     // delivered, and the read reports the failure.
-    Bytes bytes = c.frame;
-    Bytes next = Frame(good);
+    Bytes bytes = frame;
+    const Bytes next = Frame(good);
     bytes.insert(bytes.end(), next.begin(), next.end());
-    EXPECT_EQ(-1, Feed(client, cookie, peer, bytes));
+    EXPECT_EQ(-1, Feed(c, bytes));
     Received r;
     ASSERT_TRUE(Inbox::Take(&r, 0));
     EXPECT_EQ(8, r.type);
@@ -528,37 +439,32 @@ TEST_F(MpaLibClientTest, MalformedFramesAreNotDelivered) {
 }
 
 TEST_F(MpaLibClientTest, WrongTypeForKnownKeyThrowsBsonException) {
-  struct Case {
-    Bytes doc;
-    const char* text;
+  const std::string failed = "MpaLibClient: Getting ";
+  const std::pair<Bytes, std::string> cases[] = {
+      {Doc().String("msg_type", "3").Finish(), "long"},
+      {Doc().Int32("mp-version", 3).Finish(), "long"},
+      {Doc().Int64("app_type", 1).Finish(), "string"},
+      {Doc().Bool("app_id", true).Finish(), "string"},
+      {Doc().Int64("amqp_replyTo", 1).Finish(), "string"},
+      {Doc().String("amqp_headers", "h").Finish(), "BSON"},
+      {Doc().String("amqp_payload", "p").Finish(), "Binary"},
   };
-  std::vector<Case> cases = {
-      {Doc().String("msg_type", "3").Finish(), "MpaLibClient: Getting long value from BSON failed."},
-      {Doc().Int32("mp-version", 3).Finish(), "MpaLibClient: Getting long value from BSON failed."},
-      {Doc().Int64("app_type", 1).Finish(), "MpaLibClient: Getting string value from BSON failed."},
-      {Doc().Bool("app_id", true).Finish(), "MpaLibClient: Getting string value from BSON failed."},
-      {Doc().Int64("amqp_replyTo", 1).Finish(), "MpaLibClient: Getting string value from BSON failed."},
-      {Doc().String("amqp_headers", "h").Finish(), "MpaLibClient: Getting BSON value from BSON failed."},
-      {Doc().String("amqp_payload", "p").Finish(), "MpaLibClient: Getting Binary value from BSON failed."},
-  };
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    ASSERT_TRUE(mpa_test::WriteAll(peer, Frame(c.doc)));
-    ASSERT_TRUE(mpa_test::WaitReadable(cookie));
+  Conn c = Open();
+  for (const auto& [doc, kind] : cases) {
+    SCOPED_TRACE(kind);
+    ASSERT_TRUE(mpa_test::WriteAll(c.peer, Frame(doc)));
+    ASSERT_TRUE(mpa_test::WaitReadable(c.cookie));
     try {
-      client.Receive();
+      c.client->Receive();
       ADD_FAILURE() << "no exception";
     } catch (BsonException* raw) {
       std::unique_ptr<BsonException> e(raw);
-      EXPECT_STREQ(c.text, e->what());
+      EXPECT_EQ(failed + kind + " value from BSON failed.", e->what());
     }
     EXPECT_EQ(0u, Inbox::Size());
   }
   // The message was dropped whole; the next one is read from its start.
-  EXPECT_EQ(0, Feed(client, cookie, peer, Frame(Doc().Int64("msg_type", 2).Finish())));
+  EXPECT_EQ(0, Feed(c, Frame(Doc().Int64("msg_type", 2).Finish())));
   Received r;
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(2, r.type);
@@ -566,45 +472,43 @@ TEST_F(MpaLibClientTest, WrongTypeForKnownKeyThrowsBsonException) {
 
 TEST_F(MpaLibClientTest, UnknownElementTypeEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(FeedUnknownType(), ::testing::ExitedWithCode(251), "unknown type: 25");
+  EXPECT_EXIT(
+      {
+        Conn c = Open();
+        Feed(c, Frame(Doc().Raw(25, "odd", Bytes{}).Finish()));
+      },
+      ::testing::ExitedWithCode(251), "unknown type: 25");
 }
 
 TEST_F(MpaLibClientTest, MessageWithoutCallbackIsDropped) {
-  MpaLibClient client(kApp, 1, nullptr);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-  EXPECT_EQ(-1, Feed(client, cookie, peer, Frame(FullDataDoc())));
+  Conn c = Open(1, nullptr, nullptr);
+  EXPECT_EQ(-1, Feed(c, Frame(FullDataDoc())));
   EXPECT_TRUE(LogLines::Contains(
       {"MPA130", "No function callback found for client:DORN_FABRIC_APPLICATION"}));
   EXPECT_TRUE(LogLines::Contains({"Returned error code -2026 when receiving message - chunk index: 0"}));
-  EXPECT_EQ(-2026, client.Close(true));
+  EXPECT_EQ(-2026, c.client->Close(true));
 }
 
 TEST_F(MpaLibClientTest, CloseWithNotifyDeliversOneCloseRecord) {
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  int cookie = -1, peer = -1;
-  Connect(client, &cookie, &peer);
-  EXPECT_EQ(0, client.Close(true));
+  Conn c = Open();
+  EXPECT_EQ(0, c.client->Close(true));
   Received r;
   ASSERT_TRUE(Inbox::Take(&r, 0));
   EXPECT_EQ(5, r.type);
-  EXPECT_EQ(cookie, r.cookie);
+  EXPECT_EQ(c.cookie, r.cookie);
   EXPECT_EQ(kApp, r.appType);
   EXPECT_EQ("zel", r.appId);
-  EXPECT_FALSE(r.hasPayload);
-  EXPECT_FALSE(r.hasHeaders);
+  EXPECT_FALSE(r.payload);
+  EXPECT_FALSE(r.headers);
   EXPECT_TRUE(r.rawBufferIsAppType);
-  EXPECT_EQ("no-session", client.GetSessionId());
-  EXPECT_TRUE(mpa_test::WaitForEof(peer));
-
+  EXPECT_EQ("no-session", c.client->GetSessionId());
+  EXPECT_TRUE(mpa_test::WaitForEof(c.peer));
   // Closed already: nothing more is delivered.
-  EXPECT_EQ(0, client.Close(true));
-  EXPECT_EQ(0u, Inbox::Size());
-  EXPECT_EQ(-1, client.GetCookieId());
+  EXPECT_EQ(0, c.client->Close(true));
+  EXPECT_EQ(-1, c.client->GetCookieId());
 
-  MpaLibClient quiet(kApp, 1, &Inbox::Callback);
-  Connect(quiet, &cookie, &peer);
-  EXPECT_EQ(0, quiet.Close(false));
+  Conn quiet = Open();
+  EXPECT_EQ(0, quiet.client->Close(false));
   EXPECT_EQ(0u, Inbox::Size());
   EXPECT_TRUE(LogLines::Contains({"Client triggered close, not sending RMQ_CLIENT_CLOSE msg"}));
 }
@@ -613,8 +517,21 @@ TEST_F(MpaLibClientTest, CloseWithNotifyDeliversOneCloseRecord) {
 // status 0, so that the supervisor restarts it.
 TEST_F(MpaLibClientTest, SendThatNeverGetsRoomExitsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(SendToStuckPeer(), ::testing::ExitedWithCode(0),
-              "after 21 tries.*Restarting :: problem while sending data from app to MPA.");
+  EXPECT_EXIT(
+      {
+        zel::log_testing::SetSyslogSinkForTest(&LogLines::ToStderr);
+        MpaLibClient::SetSendRetryLimitForTest(20);
+        Conn c = Open();
+        // Far more than the socket buffers of both ends can hold.
+        std::vector<uint8_t> big(32 * 1024 * 1024, 0x5a);
+        rmqClientMessage m = Message(3, "ct", "rk");
+        m.payload = big.data();
+        m.payloadLen = static_cast<int64_t>(big.size());
+        c.client->Send(&m, c.client->GetSessionId().c_str(), nullptr);
+        std::exit(3);  // should the send ever return
+      },
+      ::testing::ExitedWithCode(0),
+      "after 21 tries.*Restarting :: problem while sending data from app to MPA.");
 }
 
 }  // namespace

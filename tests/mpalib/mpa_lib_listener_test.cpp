@@ -4,12 +4,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -36,9 +33,10 @@ using mpa_test::Received;
 
 constexpr const char* kApp = "DORN_FABRIC_APPLICATION";
 
-// Waits for `condition` with a bounded deadline.
-bool Eventually(const std::function<bool()>& condition, int timeoutMs = 5000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+// Waits for `condition` with a bounded deadline, for states that have no
+// event of their own.
+bool Eventually(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (!condition()) {
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -62,13 +60,24 @@ class QuickListener : public MpaLibListener {
 
 // Application callback that fails on data: an exception out of a callback.
 void ThrowingCallback(rmqClientMessage* m) {
-  if (m->messageType == RMQ_CLIENT_CLOSE) {
-    Inbox::Callback(m);
-    return;
-  }
+  if (m->messageType == RMQ_CLIENT_CLOSE) return Inbox::Callback(m);
   std::free(m->rawBuffer);
   throw std::runtime_error("application failed");
 }
+
+// Takes the next record and checks its type and cookie.
+void ExpectReceived(int32_t type, int cookie, int timeoutMs = 5000) {
+  Received r;
+  ASSERT_TRUE(Inbox::Take(&r, timeoutMs));
+  EXPECT_EQ(type, r.type);
+  EXPECT_EQ(cookie, r.cookie);
+}
+
+struct Conn {
+  std::shared_ptr<MpaLibClient> client;
+  int cookie = -1;
+  int peer = -1;  // the MPA's end
+};
 
 class MpaLibListenerTest : public ::testing::Test {
  protected:
@@ -79,37 +88,40 @@ class MpaLibListenerTest : public ::testing::Test {
     Inbox::Clear();
   }
 
-  // A client registered with the fake MPA; `peer` is the MPA's end.
-  std::shared_ptr<MpaLibClient> Connected(int* cookie, int* peer,
-                                          rmqClientCallback callback = &Inbox::Callback) {
-    auto client = std::make_shared<MpaLibClient>(kApp, 1, callback);
-    EXPECT_EQ(0, client->Init("127.0.0.1", mpa_.portText().c_str(), nullptr, cookie));
-    *peer = mpa_.Accept();
+  // A client registered with the fake MPA, and added to `registry` if given.
+  Conn Connect(MpaLibRegistry* registry = nullptr, rmqClientCallback callback = &Inbox::Callback) {
+    Conn c;
+    c.client = std::make_shared<MpaLibClient>(kApp, 1, callback);
+    EXPECT_EQ(0, c.client->Init("127.0.0.1", mpa_.portText().c_str(), nullptr, &c.cookie));
+    c.peer = mpa_.Accept();
     Bytes registration;
-    EXPECT_TRUE(FakeMpa::ReadFrame(*peer, &registration));
-    return client;
+    EXPECT_TRUE(FakeMpa::ReadFrame(c.peer, &registration));
+    if (registry != nullptr) {
+      EXPECT_EQ(0, registry->Add(c.cookie, c.client));
+    }
+    return c;
   }
 
   FakeMpa mpa_;
+  std::shared_ptr<MpaLibRegistry> registry_ = std::make_shared<MpaLibRegistry>();
 };
 
 TEST_F(MpaLibListenerTest, RegistryTracksHighestDescriptor) {
-  MpaLibRegistry registry;
+  MpaLibRegistry& registry = *registry_;
   auto a = std::make_shared<MpaLibClient>(kApp, 1, &Inbox::Callback);
   EXPECT_EQ(-1, registry.GetMaxDescriptor());
   EXPECT_EQ(0, registry.Add(3, a));
-  EXPECT_EQ(0, registry.Add(9, std::make_shared<MpaLibClient>(kApp, 1, &Inbox::Callback)));
-  EXPECT_EQ(0, registry.Add(5, std::make_shared<MpaLibClient>(kApp, 1, &Inbox::Callback)));
+  for (int id : {9, 5}) {
+    EXPECT_EQ(0, registry.Add(id, std::make_shared<MpaLibClient>(kApp, 1, &Inbox::Callback)));
+  }
   EXPECT_EQ(9, registry.GetMaxDescriptor());
   EXPECT_EQ(a, registry.Get(3));
   EXPECT_EQ(nullptr, registry.Get(4));
-
   fd_set set;
   EXPECT_EQ(9, registry.Snapshot(&set));
   for (int fd = 0; fd < 12; ++fd) {
     EXPECT_EQ(fd == 3 || fd == 5 || fd == 9, FD_ISSET(fd, &set) != 0) << fd;
   }
-
   EXPECT_EQ(-1, registry.Add(9, a));
   EXPECT_TRUE(LogLines::Contains({"MPA139", "REGISTRY: Client with same cookie id already exists"}));
 
@@ -127,104 +139,67 @@ TEST_F(MpaLibListenerTest, RegistryTracksHighestDescriptor) {
 }
 
 TEST_F(MpaLibListenerTest, RegistryRefusesThe33rdClientAndUnwatchableIds) {
-  MpaLibRegistry registry;
   auto client = std::make_shared<MpaLibClient>(kApp, 1, &Inbox::Callback);
-  EXPECT_THROW(registry.Add(FD_SETSIZE, client), RegistrySizeError);
-  EXPECT_THROW(registry.Add(-1, client), RegistrySizeError);
-  for (int id = 0; id < 32; ++id) ASSERT_EQ(0, registry.Add(id, client));
+  EXPECT_THROW(registry_->Add(FD_SETSIZE, client), RegistrySizeError);
+  EXPECT_THROW(registry_->Add(-1, client), RegistrySizeError);
+  for (int id = 0; id < 32; ++id) ASSERT_EQ(0, registry_->Add(id, client));
   try {
-    registry.Add(40, client);
+    registry_->Add(40, client);
     FAIL() << "33rd client accepted";
   } catch (const RegistrySizeError& e) {
     EXPECT_STREQ("Number of allowed clients exceeded", e.what());
   }
-  EXPECT_EQ(32u, registry.Size());
-  EXPECT_EQ(31, registry.GetMaxDescriptor());
+  EXPECT_EQ(32u, registry_->Size());
+  EXPECT_EQ(31, registry_->GetMaxDescriptor());
 }
 
-TEST_F(MpaLibListenerTest, RegistryClearClosesAndNotifiesEveryClient) {
-  MpaLibRegistry registry;
-  std::vector<int> cookies, peers;
-  for (int i = 0; i < 3; ++i) {
-    int cookie = -1;
-    int peer = -1;
-    auto client = Connected(&cookie, &peer);
-    ASSERT_EQ(0, registry.Add(cookie, client));
-    cookies.push_back(cookie);
-    peers.push_back(peer);
-  }
-  registry.Clear(true);
-  EXPECT_EQ(0u, registry.Size());
-  EXPECT_EQ(-1, registry.GetMaxDescriptor());
-  for (int i = 0; i < 3; ++i) {
-    Received r;
-    ASSERT_TRUE(Inbox::Take(&r, 0));
-    EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-    EXPECT_EQ(cookies[i], r.cookie);  // in ascending cookie order
-    EXPECT_TRUE(mpa_test::WaitForEof(peers[i]));
+TEST_F(MpaLibListenerTest, RegistryClearClosesAndNotifiesEveryClientInCookieOrder) {
+  std::vector<Conn> conns;
+  for (int i = 0; i < 3; ++i) conns.push_back(Connect(registry_.get()));
+  registry_->Clear(true);
+  EXPECT_EQ(0u, registry_->Size());
+  EXPECT_EQ(-1, registry_->GetMaxDescriptor());
+  for (const Conn& c : conns) {
+    ExpectReceived(RMQ_CLIENT_CLOSE, c.cookie, 0);
+    EXPECT_TRUE(mpa_test::WaitForEof(c.peer));
   }
 }
 
 TEST_F(MpaLibListenerTest, LoopDeliversMessagesAndDropsClosedPeers) {
-  auto registry = std::make_shared<MpaLibRegistry>();
-  int cookieA = -1, peerA = -1, cookieB = -1, peerB = -1;
-  auto a = Connected(&cookieA, &peerA);
-  auto b = Connected(&cookieB, &peerB);
-  ASSERT_LT(cookieA, cookieB);
-  ASSERT_EQ(0, registry->Add(cookieA, a));
-  ASSERT_EQ(0, registry->Add(cookieB, b));
-  auto listener = std::make_shared<QuickListener>(registry, false);
+  auto listener = std::make_shared<QuickListener>(registry_, false);
   bool running = false;
   listener->Start([&running] { running = true; });
   EXPECT_TRUE(running);
   EXPECT_TRUE(listener->IsRunning());
+  // Clients added while the loop idles are served.
+  Conn a = Connect(registry_.get());
+  Conn b = Connect(registry_.get());
+  ASSERT_LT(a.cookie, b.cookie);
 
   // Data reaches the callback on the listener's thread.
-  ASSERT_TRUE(mpa_test::WriteAll(peerA, Frame(Doc().Int64("msg_type", 8).Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(8, r.type);
-  EXPECT_EQ(cookieA, r.cookie);
+  ASSERT_TRUE(mpa_test::WriteAll(a.peer, Frame(Doc().Int64("msg_type", 8).Finish())));
+  ExpectReceived(8, a.cookie);
 
   // The peer of the highest client goes away: one close record, the client
   // leaves the registry, and select() is given a lower bound.
-  mpa_.ClosePeer(peerB);
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookieB, r.cookie);
-  EXPECT_TRUE(Eventually([&] { return registry->Size() == 1; }));
-  EXPECT_TRUE(Eventually([&] { return listener->lastNfds == cookieA + 1; }));
+  mpa_.ClosePeer(b.peer);
+  ExpectReceived(RMQ_CLIENT_CLOSE, b.cookie);
+  EXPECT_TRUE(Eventually([&] { return registry_->Size() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return listener->lastNfds == a.cookie + 1; }));
   EXPECT_EQ(0u, Inbox::Size());
 
   // A stop without notify closes the rest silently.
   EXPECT_TRUE(listener->Stop(false));
   EXPECT_FALSE(listener->IsRunning());
-  EXPECT_EQ(0u, registry->Size());
-  EXPECT_TRUE(mpa_test::WaitForEof(peerA));
+  EXPECT_EQ(0u, registry_->Size());
+  EXPECT_TRUE(mpa_test::WaitForEof(a.peer));
   EXPECT_EQ(0u, Inbox::Size());
   EXPECT_TRUE(LogLines::Contains({"LISTENER: Listener thread successfully stopped"}));
   EXPECT_TRUE(LogLines::Contains({"LISTENER: Exiting loop"}));
 }
 
-TEST_F(MpaLibListenerTest, ClientAddedWhileIdleIsServed) {
-  auto registry = std::make_shared<MpaLibRegistry>();
-  auto listener = std::make_shared<QuickListener>(registry, false);
-  listener->Start();
-  int cookie = -1;
-  int peer = -1;
-  auto client = Connected(&cookie, &peer);
-  ASSERT_EQ(0, registry->Add(cookie, client));
-  ASSERT_TRUE(mpa_test::WriteAll(peer, Frame(Doc().Int64("msg_type", 2).Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(2, r.type);
-  EXPECT_TRUE(listener->Stop(true));
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-}
-
 TEST_F(MpaLibListenerTest, StartAndStopRules) {
-  auto listener = std::make_shared<QuickListener>(std::make_shared<MpaLibRegistry>(), false);
+  auto listener = std::make_shared<QuickListener>(registry_, false);
   EXPECT_TRUE(listener->Stop(true));  // not running: no-op
   EXPECT_TRUE(LogLines::Contains({"Listen loop not running in seperate thread; no-op"}));
   listener->Start();
@@ -235,9 +210,8 @@ TEST_F(MpaLibListenerTest, StartAndStopRules) {
   listener->Start();
   EXPECT_TRUE(listener->Stop(false));
 
-  auto orphan = std::make_shared<QuickListener>(nullptr, false);
   try {
-    orphan->Start();
+    std::make_shared<QuickListener>(nullptr, false)->Start();
     FAIL() << "started without a registry";
   } catch (const NoRegistryError& e) {
     EXPECT_STREQ("Listener could not find a registry", e.what());
@@ -245,104 +219,63 @@ TEST_F(MpaLibListenerTest, StartAndStopRules) {
 }
 
 TEST_F(MpaLibListenerTest, BcModeRunsTheLoopOnTheCallersThread) {
-  auto registry = std::make_shared<MpaLibRegistry>();
-  int cookie = -1;
-  int peer = -1;
-  auto client = Connected(&cookie, &peer);
-  ASSERT_EQ(0, registry->Add(cookie, client));
-
-  auto listener = std::make_shared<QuickListener>(registry, true);
-  std::mutex m;
-  std::condition_variable cv;
-  std::thread::id loopThread;
-  bool returned = false;
+  Conn c = Connect(registry_.get());
+  auto listener = std::make_shared<QuickListener>(registry_, true);
+  std::atomic<std::thread::id> loopThread{};
+  std::atomic<bool> returned{false};
   std::thread caller([&] {
-    listener->Start([&] {
-      std::lock_guard<std::mutex> lock(m);
-      loopThread = std::this_thread::get_id();
-      cv.notify_all();
-    });
-    std::lock_guard<std::mutex> lock(m);
+    listener->Start([&] { loopThread = std::this_thread::get_id(); });
     returned = true;
   });
-  {
-    std::unique_lock<std::mutex> lock(m);
-    ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(5),
-                            [&] { return loopThread != std::thread::id(); }));
-    EXPECT_EQ(caller.get_id(), loopThread);
-    EXPECT_FALSE(returned);
-  }
-  ASSERT_TRUE(mpa_test::WriteAll(peer, Frame(Doc().Int64("msg_type", 8).Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(8, r.type);
+  // The loop serves on the caller's thread, which Start does not return to.
+  ASSERT_TRUE(mpa_test::WriteAll(c.peer, Frame(Doc().Int64("msg_type", 8).Finish())));
+  ExpectReceived(8, c.cookie);
+  EXPECT_EQ(caller.get_id(), loopThread.load());
+  EXPECT_FALSE(returned);
 
   EXPECT_TRUE(listener->Stop(true));
   caller.join();
   EXPECT_TRUE(returned);
   EXPECT_TRUE(LogLines::Contains({"BC mode is true. external listener thread not stoppable"}));
   EXPECT_TRUE(LogLines::Contains({"BC mode is true. listener loop exited"}));
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookie, r.cookie);
+  ExpectReceived(RMQ_CLIENT_CLOSE, c.cookie, 0);
 }
 
 TEST_F(MpaLibListenerTest, BadMessageDropsOnlyItsClient) {
-  auto registry = std::make_shared<MpaLibRegistry>();
-  int cookieA = -1, peerA = -1, cookieB = -1, peerB = -1;
-  auto a = Connected(&cookieA, &peerA);
-  auto b = Connected(&cookieB, &peerB);
-  ASSERT_EQ(0, registry->Add(cookieA, a));
-  ASSERT_EQ(0, registry->Add(cookieB, b));
-  auto listener = std::make_shared<QuickListener>(registry, false);
+  Conn a = Connect(registry_.get());
+  Conn b = Connect(registry_.get());
+  auto listener = std::make_shared<QuickListener>(registry_, false);
   listener->Start();
 
   // A known key with the wrong type: the library's BsonException.
-  ASSERT_TRUE(mpa_test::WriteAll(peerA, Frame(Doc().String("msg_type", "8").Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookieA, r.cookie);
-  EXPECT_TRUE(mpa_test::WaitForEof(peerA));
+  ASSERT_TRUE(mpa_test::WriteAll(a.peer, Frame(Doc().String("msg_type", "8").Finish())));
+  ExpectReceived(RMQ_CLIENT_CLOSE, a.cookie);
+  EXPECT_TRUE(mpa_test::WaitForEof(a.peer));
   EXPECT_TRUE(LogLines::Contains({"MPA101", "Getting long value from BSON failed."}));
 
   // A frame that is not a document: the read fails, the client goes.
-  ASSERT_TRUE(mpa_test::WriteAll(peerB, Frame(Bytes{1, 2, 3})));
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookieB, r.cookie);
-  EXPECT_TRUE(Eventually([&] { return registry->Size() == 0; }));
+  ASSERT_TRUE(mpa_test::WriteAll(b.peer, Frame(Bytes{1, 2, 3})));
+  ExpectReceived(RMQ_CLIENT_CLOSE, b.cookie);
+  EXPECT_TRUE(Eventually([&] { return registry_->Size() == 0; }));
 
   // The loop itself goes on serving new clients.
   EXPECT_TRUE(listener->IsRunning());
-  int cookieC = -1, peerC = -1;
-  auto c = Connected(&cookieC, &peerC);
-  ASSERT_EQ(0, registry->Add(cookieC, c));
-  ASSERT_TRUE(mpa_test::WriteAll(peerC, Frame(Doc().Int64("msg_type", 3).Finish())));
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(3, r.type);
+  Conn c = Connect(registry_.get());
+  ASSERT_TRUE(mpa_test::WriteAll(c.peer, Frame(Doc().Int64("msg_type", 3).Finish())));
+  ExpectReceived(3, c.cookie);
   EXPECT_TRUE(listener->Stop(false));
 }
 
 TEST_F(MpaLibListenerTest, ExceptionFromCallbackEndsLoopAndClosesAll) {
-  auto registry = std::make_shared<MpaLibRegistry>();
-  int cookieA = -1, peerA = -1, cookieB = -1, peerB = -1;
-  auto a = Connected(&cookieA, &peerA, &ThrowingCallback);
-  auto b = Connected(&cookieB, &peerB, &ThrowingCallback);
-  ASSERT_EQ(0, registry->Add(cookieA, a));
-  ASSERT_EQ(0, registry->Add(cookieB, b));
-  auto listener = std::make_shared<QuickListener>(registry, false);
+  Conn a = Connect(registry_.get(), &ThrowingCallback);
+  Conn b = Connect(registry_.get(), &ThrowingCallback);
+  auto listener = std::make_shared<QuickListener>(registry_, false);
   listener->Start();
-  ASSERT_TRUE(mpa_test::WriteAll(peerA, Frame(Doc().Int64("msg_type", 8).Finish())));
+  ASSERT_TRUE(mpa_test::WriteAll(a.peer, Frame(Doc().Int64("msg_type", 8).Finish())));
   EXPECT_TRUE(Eventually([&] { return !listener->IsRunning(); }));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookieA, r.cookie);
-  ASSERT_TRUE(Inbox::Take(&r));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookieB, r.cookie);
-  EXPECT_EQ(0u, registry->Size());
+  ExpectReceived(RMQ_CLIENT_CLOSE, a.cookie);
+  ExpectReceived(RMQ_CLIENT_CLOSE, b.cookie);
+  EXPECT_EQ(0u, registry_->Size());
   EXPECT_TRUE(LogLines::Contains({"MPA101", "application failed"}));
   EXPECT_TRUE(LogLines::Contains({"LISTENER: Closing all registry entries"}));
   EXPECT_TRUE(listener->Stop(false));  // already ended: a no-op
@@ -360,16 +293,12 @@ TEST_F(MpaLibListenerTest, LibraryOutsideBcModeOwnsItsThread) {
   rmqClientEndpoint endpoint{mpa_.port(), "127.0.0.1"};
   const int cookie = lib.Init(kApp, 1, nullptr, &Inbox::Callback, &endpoint);
   ASSERT_GE(cookie, 0);
-  int peer = mpa_.Accept();
-  ASSERT_GE(peer, 0);
+  ASSERT_GE(mpa_.Accept(), 0);
   const std::string customPort = "MPALIB: Custom port: " + std::to_string(mpa_.port());
   EXPECT_TRUE(LogLines::Contains({customPort.c_str()}));
   EXPECT_TRUE(lib.Stop(true));
   EXPECT_FALSE(lib.IsStarted());
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, r.type);
-  EXPECT_EQ(cookie, r.cookie);
+  ExpectReceived(RMQ_CLIENT_CLOSE, cookie, 0);
   EXPECT_TRUE(lib.Stop(true));
   EXPECT_TRUE(LogLines::Contains({"MPALIB: MpaLib is already stopped"}));
 }
