@@ -70,11 +70,15 @@ class Client {
       mpa_relay::DecodeDocument(reinterpret_cast<const uint8_t*>(bson_data(m->amqpHeaders)),
                                 bson_size(m->amqpHeaders), &d.headers, &error);
     }
-    if (d.type == RMQ_CLIENT_MPA_DATA_MESSAGE) Answer(d);
     free(m->rawBuffer);
-    std::lock_guard<std::mutex> lock(Get().mutex_);
-    Get().delivered_.push_back(std::move(d));
-    Get().cv_.notify_all();
+    // Record before answering: a test that has seen the answer at the relay
+    // then finds the delivery here.
+    {
+      std::lock_guard<std::mutex> lock(Get().mutex_);
+      Get().delivered_.push_back(d);
+      Get().cv_.notify_all();
+    }
+    if (d.type == RMQ_CLIENT_MPA_DATA_MESSAGE) Answer(d);
   }
   static void Answer(const Delivered& d) {
     DornMessage request, answer;
