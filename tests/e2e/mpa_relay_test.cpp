@@ -171,13 +171,13 @@ class RelayWithLibraryTest : public ::testing::Test {
   // Registers the client with the relay and waits for the ACK.
   void Connect() {
     const rmqClientEndpoint endpoint{relay_->port(), nullptr};
-    const auto deadline = Clock::now() + 5s;
+    const auto deadline = Clock::now() + 15s;
     do {
       cookie_ = NETRegister("zel", kApp, 1, nullptr, &Client::Callback, &endpoint);
     } while ((cookie_ == -2018 || cookie_ == -2024) && Clock::now() < deadline);
     ASSERT_GE(cookie_, 0);
     ASSERT_TRUE(relay_->RunUntil([&] { return relay_->current_connection() != 0; }, deadline));
-    ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_REGISTRATION_ACK, 1, 5s));
+    ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_REGISTRATION_ACK, 1, 15s));
   }
 
   mpa_relay::Request MakeRequest(const std::string& op) {
@@ -189,7 +189,7 @@ class RelayWithLibraryTest : public ::testing::Test {
   }
 
   bool WaitAnswers(size_t n) {
-    return relay_->RunUntil([&] { return relay_->answers().size() >= n; }, Clock::now() + 5s);
+    return relay_->RunUntil([&] { return relay_->answers().size() >= n; }, Clock::now() + 15s);
   }
 
   static std::thread* loop_;
@@ -269,7 +269,7 @@ TEST_F(RelayWithLibraryTest, CloseMessageReachesClientAndConnectionStaysOpen) {
   Connect();
   const int conn = relay_->current_connection();
   ASSERT_TRUE(relay_->SendClose());
-  ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_CLOSE, 1, 5s));
+  ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_CLOSE, 1, 15s));
   EXPECT_EQ(Client::Get().OfType(RMQ_CLIENT_CLOSE)[0].cookie, cookie_);
   EXPECT_TRUE(relay_->IsOpen(conn));
   EXPECT_EQ(relay_->current_connection(), 0);
@@ -282,7 +282,7 @@ TEST_F(RelayWithLibraryTest, CloseMessageReachesClientAndConnectionStaysOpen) {
 TEST_F(RelayWithLibraryTest, DroppedConnectionIsReportedToClient) {
   Connect();
   ASSERT_TRUE(relay_->Drop());
-  ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_CLOSE, 1, 10s));
+  ASSERT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_CLOSE, 1, 20s));
   cookie_ = -1;  // the library has removed it
   EXPECT_TRUE(relay_->open_connections().empty());
 }
@@ -325,7 +325,7 @@ TEST_F(RelayWithLibraryTest, LayoutProblemsOfAClientAreReported) {
     b.appendString("amqp-message-id", "1");
   })));
   ASSERT_TRUE(relay_->RunUntil([&] { return relay_->registrations().size() == 1; },
-                               Clock::now() + 5s));
+                               Clock::now() + 15s));
   const auto& reg = relay_->registrations()[0];
   ASSERT_EQ(reg.problems.size(), 2u);
   EXPECT_NE(reg.problems[0].find("keys are [msg_type, app_type, app_id, session-id, amqp-message-id]"),
@@ -365,7 +365,7 @@ TEST_F(RelayWithLibraryTest, LayoutProblemsOfAClientAreReported) {
   // A frame that is not BSON is a problem of the connection, not a crash.
   raw.Write(mpa_relay::Frame("\x05\x00\x00\x00\x01"));
   ASSERT_TRUE(relay_->RunUntil([&] { return relay_->problems().size() > p.size() + 2; },
-                               Clock::now() + 5s));
+                               Clock::now() + 15s));
   EXPECT_NE(relay_->problems().back().find("undecodable document"), std::string::npos)
       << relay_->problems().back();
 }
