@@ -5,7 +5,9 @@ set -euo pipefail
 
 PACKAGES=(
   # toolchain
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config ccache
+  # the thread-safety compile check
+  clang
   # libraries the code links
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev
   libboost-chrono-dev libboost-date-time-dev
