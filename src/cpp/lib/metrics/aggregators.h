@@ -103,8 +103,39 @@ struct running_aggregator : aggregator {
   }
 };
 
-struct value_num : running_aggregator {
-  static constexpr uint64_t kMask = FieldBit(11);
+// Where a count, a min-max pair or a sum belongs: a running "v~" figure that
+// survives rollover, or an "s~" figure of the period. The scope names the
+// labels and wire fields; the aggregators below hold the logic once for both.
+struct running_scope : running_aggregator {
+  static constexpr int kNumField = 11;
+  static constexpr int kMinMaxField = 12;
+  static constexpr int kSumField = 15;
+  static constexpr const char* kNumLabel = "v~num: ";
+  static constexpr const char* kMinLabel = "v~min: ";
+  static constexpr const char* kMaxLabel = ", v~max: ";
+  static constexpr const char* kSumLabel = "v~sum: ";
+  static void WriteNum(Serializer& out, uint64_t num) { out.value_num(num); }
+  static void WriteMinMax(Serializer& out, double min, double max) { out.value_min_max(min, max); }
+  static void WriteSum(Serializer& out, double sum) { out.value_sum(sum); }
+};
+
+struct period_scope : aggregator {
+  static constexpr int kNumField = 31;
+  static constexpr int kMinMaxField = 32;
+  static constexpr int kSumField = 35;
+  static constexpr const char* kNumLabel = "s~num: ";
+  static constexpr const char* kMinLabel = "s~min: ";
+  static constexpr const char* kMaxLabel = ", s~max: ";
+  static constexpr const char* kSumLabel = "s~sum: ";
+  static void WriteNum(Serializer& out, uint64_t num) { out.sample_num(num); }
+  static void WriteMinMax(Serializer& out, double min, double max) { out.sample_min_max(min, max); }
+  static void WriteSum(Serializer& out, double sum) { out.sample_sum(sum); }
+};
+
+// The number of updates.
+template <typename Scope>
+struct num_of : Scope {
+  static constexpr uint64_t kMask = FieldBit(Scope::kNumField);
   template <typename T>
   struct Fields {
     uint64_t num = 0;
@@ -113,16 +144,18 @@ struct value_num : running_aggregator {
   static void Update(Fields<T>& f, const UpdateContext<T>&) { ++f.num; }
   template <typename T>
   static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("v~num: ");
+    text.Part(Scope::kNumLabel);
     text.Unsigned(f.num);
   }
   template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.value_num(f.num); }
+  static void Serialize(Serializer& out, const Fields<T>& f) { Scope::WriteNum(out, f.num); }
 };
 
-// Lowest and highest level ever, set by the first update ever.
-struct value_min_max : running_aggregator {
-  static constexpr uint64_t kMask = FieldBit(12);
+// Lowest and highest amount, set by the first update of the scope: the first
+// ever for a running pair, the first of the period otherwise.
+template <typename Scope>
+struct min_max_of : Scope {
+  static constexpr uint64_t kMask = FieldBit(Scope::kMinMaxField);
   template <typename T>
   struct Fields {
     T min{};
@@ -137,19 +170,21 @@ struct value_min_max : running_aggregator {
   }
   template <typename T>
   static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("v~min: ");
+    text.Part(Scope::kMinLabel);
     text.Unsigned(f.min);
-    text.Literal(", v~max: ");
+    text.Literal(Scope::kMaxLabel);
     text.Unsigned(f.max);
   }
   template <typename T>
   static void Serialize(Serializer& out, const Fields<T>& f) {
-    out.value_min_max(static_cast<double>(f.min), static_cast<double>(f.max));
+    Scope::WriteMinMax(out, static_cast<double>(f.min), static_cast<double>(f.max));
   }
 };
 
-struct value_sum : running_aggregator {
-  static constexpr uint64_t kMask = FieldBit(15);
+// The sum of the amounts, kept as a double.
+template <typename Scope>
+struct sum_of : Scope {
+  static constexpr uint64_t kMask = FieldBit(Scope::kSumField);
   template <typename T>
   struct Fields {
     double sum = 0;
@@ -160,76 +195,19 @@ struct value_sum : running_aggregator {
   }
   template <typename T>
   static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("v~sum: ");
+    text.Part(Scope::kSumLabel);
     text.Double(f.sum);
   }
   template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.value_sum(f.sum); }
+  static void Serialize(Serializer& out, const Fields<T>& f) { Scope::WriteSum(out, f.sum); }
 };
 
-struct sample_num : aggregator {
-  static constexpr uint64_t kMask = FieldBit(31);
-  template <typename T>
-  struct Fields {
-    uint64_t num = 0;
-  };
-  template <typename T>
-  static void Update(Fields<T>& f, const UpdateContext<T>&) { ++f.num; }
-  template <typename T>
-  static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("s~num: ");
-    text.Unsigned(f.num);
-  }
-  template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.sample_num(f.num); }
-};
-
-// Lowest and highest of the period, set by its first update.
-struct sample_min_max : aggregator {
-  static constexpr uint64_t kMask = FieldBit(32);
-  template <typename T>
-  struct Fields {
-    T min{};
-    T max{};
-    bool seen = false;
-  };
-  template <typename T>
-  static void Update(Fields<T>& f, const UpdateContext<T>& c) {
-    if (!f.seen || c.amount < f.min) f.min = c.amount;
-    if (!f.seen || c.amount > f.max) f.max = c.amount;
-    f.seen = true;
-  }
-  template <typename T>
-  static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("s~min: ");
-    text.Unsigned(f.min);
-    text.Literal(", s~max: ");
-    text.Unsigned(f.max);
-  }
-  template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) {
-    out.sample_min_max(static_cast<double>(f.min), static_cast<double>(f.max));
-  }
-};
-
-struct sample_sum : aggregator {
-  static constexpr uint64_t kMask = FieldBit(35);
-  template <typename T>
-  struct Fields {
-    double sum = 0;
-  };
-  template <typename T>
-  static void Update(Fields<T>& f, const UpdateContext<T>& c) {
-    f.sum += static_cast<double>(c.amount);
-  }
-  template <typename T>
-  static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("s~sum: ");
-    text.Double(f.sum);
-  }
-  template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.sample_sum(f.sum); }
-};
+using value_num = num_of<running_scope>;
+using value_min_max = min_max_of<running_scope>;
+using value_sum = sum_of<running_scope>;
+using sample_num = num_of<period_scope>;
+using sample_min_max = min_max_of<period_scope>;
+using sample_sum = sum_of<period_scope>;
 
 // sum / num of the period; 0 with no samples.
 struct sample_avg : aggregator {
@@ -258,55 +236,52 @@ struct sample_avg : aggregator {
   static void Serialize(Serializer& out, const Fields<T>& f) { out.sample_avg(f.avg); }
 };
 
-// Amount per second over the period: 1000 * sum / E.
-struct sample_rate : aggregator {
-  static constexpr uint64_t kMask = FieldBit(36);
+// Per second over the period: 1000 * total / E, where each update adds its
+// amount to the total of a rate and one to the total of a frequency.
+template <typename Kind>
+struct per_second : aggregator {
+  static constexpr uint64_t kMask = FieldBit(Kind::kField);
   template <typename T>
   struct Fields {
-    double sum = 0;
-    double rate = 0;
+    double total = 0;
+    double perSecond = 0;
   };
   template <typename T>
   static void Update(Fields<T>& f, const UpdateContext<T>& c) {
-    f.sum += static_cast<double>(c.amount);
+    f.total += Kind::Weight(c.amount);
   }
   template <typename T>
   static void Finish(Fields<T>& f, const FinishContext& c) {
-    f.rate = c.elapsedMs == 0 ? 0.0 : 1000.0 * f.sum / static_cast<double>(c.elapsedMs);
+    f.perSecond =
+        c.elapsedMs == 0 ? 0.0 : 1000.0 * f.total / static_cast<double>(c.elapsedMs);
   }
   template <typename T>
   static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("s~rate: ");
-    text.Double(f.rate);
+    text.Part(Kind::kLabel);
+    text.Double(f.perSecond);
   }
   template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.sample_rate(f.rate); }
+  static void Serialize(Serializer& out, const Fields<T>& f) { Kind::Write(out, f.perSecond); }
 };
 
-// Updates per second over the period: 1000 * num / E.
-struct sample_freq : aggregator {
-  static constexpr uint64_t kMask = FieldBit(37);
+struct rate_kind {
+  static constexpr int kField = 36;
+  static constexpr const char* kLabel = "s~rate: ";
   template <typename T>
-  struct Fields {
-    uint64_t num = 0;
-    double freq = 0;
-  };
-  template <typename T>
-  static void Update(Fields<T>& f, const UpdateContext<T>&) { ++f.num; }
-  template <typename T>
-  static void Finish(Fields<T>& f, const FinishContext& c) {
-    f.freq = c.elapsedMs == 0
-                 ? 0.0
-                 : 1000.0 * static_cast<double>(f.num) / static_cast<double>(c.elapsedMs);
-  }
-  template <typename T>
-  static void Print(impl::ValueText& text, const Fields<T>& f) {
-    text.Part("s~freq: ");
-    text.Double(f.freq);
-  }
-  template <typename T>
-  static void Serialize(Serializer& out, const Fields<T>& f) { out.sample_freq(f.freq); }
+  static double Weight(T amount) { return static_cast<double>(amount); }
+  static void Write(Serializer& out, double v) { out.sample_rate(v); }
 };
+
+struct frequency_kind {
+  static constexpr int kField = 37;
+  static constexpr const char* kLabel = "s~freq: ";
+  template <typename T>
+  static double Weight(T) { return 1.0; }
+  static void Write(Serializer& out, double v) { out.sample_freq(v); }
+};
+
+using sample_rate = per_second<rate_kind>;
+using sample_freq = per_second<frequency_kind>;
 
 // Time-weighted average level over the period: the sum of level times the
 // milliseconds it was held, divided by E. The level carries over; the weight
