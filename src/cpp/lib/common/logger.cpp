@@ -233,14 +233,14 @@ void ReadNodeType(const char* path) {
   std::fclose(f);
 }
 
-// A decimal port with an optional sign, as a lexical cast reads it. Numbers
-// that convert but cannot be a UDP port are refused as well.
+// A signed 32-bit decimal number with an optional sign, as a lexical cast
+// reads it. Any number that converts is the port as it stands: the socket
+// address keeps its low 16 bits, and the set-up line prints it whole.
 bool ParsePort(const char* text, int* port) {
   std::int32_t value = 0;
   if (!boost::conversion::try_lexical_convert(std::string(text), value)) {
     return false;
   }
-  if (value < 1 || value > 65535) return false;
   *port = value;
   return true;
 }

@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <functional>
 #include <regex>
 #include <string>
@@ -20,11 +18,12 @@
 
 #include "cpp/lib/common/logger_test_util.h"
 #include "cpp/lib/common/logger_testing.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace zel {
 namespace {
 
-using log_test::SyslogCapture;
 using log_test::UdpReceiver;
 using log_testing::GetLoggerStateForTest;
 using log_testing::SetUpLoggerForTest;
@@ -33,49 +32,35 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Pair;
 using ::testing::StartsWith;
+using Records = std::vector<std::pair<int, std::string>>;
 
 constexpr const char* kNoFile = "/nonexistent/zel_issue";
 
 std::string Tid() { return std::to_string(gettid()); }
+std::string TextOf(const std::string& line) { return line.substr(line.find("] ") + 2); }
 
-// Every test runs with syslog(3) replaced by a capture, so nothing reaches
-// the machine's log, and ends back in syslog mode at level INFO.
+// syslog(3) is replaced by a capture, so nothing reaches the machine's log;
+// every test ends back in syslog mode at level INFO.
 class LoggerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    log_testing::SetSyslogSinkForTest(&SyslogCapture::Sink);
-    Reset(nullptr, "DEVLOG");
-  }
-  void TearDown() override {
-    Reset(nullptr, "DEVLOG");
-    std::remove(issue_.c_str());
-  }
+  void TearDown() override { Reset(nullptr, "DEVLOG"); }
 
   // Runs the logger's set-up again and forgets what it said.
-  static void Reset(const char* level, const char* method, const char* issue = kNoFile) {
+  void Reset(const char* level, const char* method, const char* issue = kNoFile) {
     SetUpLoggerForTest(level, method, issue);
-    SyslogCapture::Take();
+    log_.Clear();
   }
-
-  // The node-type file with `content`, for the next set-up.
-  const char* WriteIssue(const std::string& content) {
-    std::ofstream(issue_) << content;
-    return issue_.c_str();
-  }
-
-  // The one line the last record sent to syslog(3), with its priority.
-  static std::pair<int, std::string> OnlySyslogLine() {
-    auto lines = SyslogCapture::Take();
+  // The one line the last record sent to syslog(3).
+  std::pair<int, std::string> OnlyLine() {
+    Records lines = log_.Take();
     EXPECT_EQ(lines.size(), 1u);
     return lines.empty() ? std::make_pair(0, std::string()) : lines.back();
   }
 
-  const std::string issue_ = "/tmp/zel-logger-test-issue-" + std::to_string(getpid());
+  zel::testing::LogCapture log_;
 };
 
-// --- ZEL_LOG_LEVEL --------------------------------------------------------
-
-TEST_F(LoggerTest, EachLevelNameSetsLevelPrintedNameAndPriority) {
+TEST_F(LoggerTest, LevelNamesSetLevelPrintedNameAndPriority) {
   const struct {
     const char* env;
     int level;
@@ -90,39 +75,35 @@ TEST_F(LoggerTest, EachLevelNameSetsLevelPrintedNameAndPriority) {
     SCOPED_TRACE(c.env);
     SetUpLoggerForTest(c.env, "DEVLOG", kNoFile);
     EXPECT_EQ(g_logLevel, c.level);
-    EXPECT_THAT(SyslogCapture::Take(),
-                ElementsAre(Pair(6, std::string("Set log level to ") + c.env),
-                            Pair(6, "Use default syslog")));
+    EXPECT_THAT(log_.Take(), ElementsAre(Pair(6, std::string("Set log level to ") + c.env),
+                                         Pair(6, "Use default syslog")));
     ZEL_LOG(c.level).format("x");
-    auto line = OnlySyslogLine();
+    auto line = OnlyLine();
     EXPECT_EQ(line.first, c.priority);
     EXPECT_THAT(line.second, HasSubstr(std::string(" level=\"") + c.printed + "\"]"));
   }
   // Unset: INFO again, and nothing said about the level.
   SetUpLoggerForTest(nullptr, "DEVLOG", kNoFile);
   EXPECT_EQ(g_logLevel, kLogInfo);
-  EXPECT_THAT(SyslogCapture::Take(), ElementsAre(Pair(6, "Use default syslog")));
-}
+  EXPECT_THAT(log_.Take(), ElementsAre(Pair(6, "Use default syslog")));
 
-TEST_F(LoggerTest, BadLevelNamesFallBackToInfoWithComplaint) {
   // Names are compared exactly; only the first 10 characters are kept.
-  const std::pair<const char*, const char*> cases[] = {
+  const std::pair<const char*, const char*> bad[] = {
       {"DEBUG", "DEBUG"}, {"info", "info"},   {"", ""},
       {"WARN", "WARN"},   {"INFO ", "INFO "}, {"VERBOSE___X", "VERBOSE___"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.first);
+  for (const auto& [env, shown] : bad) {
+    SCOPED_TRACE(env);
     Reset("ERROR", "DEVLOG");
-    SetUpLoggerForTest(c.first, "DEVLOG", kNoFile);
+    SetUpLoggerForTest(env, "DEVLOG", kNoFile);
     EXPECT_EQ(g_logLevel, kLogInfo);
-    EXPECT_THAT(SyslogCapture::Take(),
-                ElementsAre(Pair(3, std::string("Invalid log level ") + c.second + ", ignore"),
+    EXPECT_THAT(log_.Take(),
+                ElementsAre(Pair(3, std::string("Invalid log level ") + shown + ", ignore"),
                             Pair(6, "Set log level to INFO"), Pair(6, "Use default syslog")));
   }
 }
 
-// --- ZEL_SYSLOG_METHOD ----------------------------------------------------
-
+// The port the UDP socket is connected to; -1 when it has no peer port.
 int PeerPort(int fd) {
   sockaddr_in peer{};
   socklen_t len = sizeof peer;
@@ -153,34 +134,46 @@ TEST_F(LoggerTest, MethodSelectsSyslogOrAUdpPort) {
   SetUpLoggerForTest(nullptr, "DEVLOG", kNoFile);
   EXPECT_FALSE(GetLoggerStateForTest().udpMode);
   EXPECT_EQ(GetLoggerStateForTest().syslogFd, -1);
-  EXPECT_THAT(SyslogCapture::Take(), ElementsAre(Pair(6, "Use default syslog")));
+  EXPECT_THAT(log_.Take(), ElementsAre(Pair(6, "Use default syslog")));
 
-  // Unset, decimal ports, and words other than DEVLOG, stray blanks, overflow
-  // and numbers that are no UDP port, which fall back to 514 with a complaint.
-  const char* const bad[] = {"",   "devlog",     "DEVLOG ", " 514", "51x",
-                             "+",  "2147483648", "-5",      "0",    "65536"};
-  std::vector<std::pair<const char*, int>> cases = {
-      {nullptr, 514}, {"5514", 5514}, {"+5514", 5514}, {"05514", 5514}};
-  for (const char* value : bad) cases.emplace_back(value, -514);
-  for (const auto& [value, port] : cases) {
-    SCOPED_TRACE(value == nullptr ? "(unset)" : value);
+  // Any signed 32-bit number is the port as it stands: the line prints it
+  // whole and the socket gets its low 16 bits (port 0 leaves no peer port).
+  const struct {
+    const char* value;
+    int printed;
+    int peer;
+  } numbers[] = {{nullptr, 514, 514},         {"5514", 5514, 5514},     {"+5514", 5514, 5514},
+                 {"05514", 5514, 5514},       {"65535", 65535, 65535},  {"1", 1, 1},
+                 {"-5", -5, 65531},           {"0", 0, -1},             {"65536", 65536, -1},
+                 {"70000", 70000, 4464},      {"2147483647", 2147483647, 65535},
+                 {"-2147483648", -2147483647 - 1, -1}};
+  for (const auto& c : numbers) {
+    SCOPED_TRACE(c.value == nullptr ? "(unset)" : c.value);
+    SetUpLoggerForTest(nullptr, c.value, kNoFile);
+    auto state = GetLoggerStateForTest();
+    ASSERT_TRUE(state.udpMode);
+    EXPECT_EQ(PeerPort(state.syslogFd), c.peer);
+    EXPECT_THAT(log_.Take(), ElementsAre(Pair(6, "Emit syslog via UDP 127.0.0.1:" +
+                                                     std::to_string(c.printed) +
+                                                     ", FD: " + std::to_string(state.syslogFd))));
+  }
+  // Words other than DEVLOG, stray blanks and numbers beyond 32 bits fall
+  // back to 514 with a complaint.
+  for (const char* value :
+       {"", "devlog", "DEVLOG ", " 514", "51x", "+", "-", "1.5", "2147483648", "-2147483649"}) {
+    SCOPED_TRACE(value);
     SetUpLoggerForTest(nullptr, value, kNoFile);
     auto state = GetLoggerStateForTest();
     ASSERT_TRUE(state.udpMode);
-    EXPECT_EQ(PeerPort(state.syslogFd), std::abs(port));
-    std::vector<std::pair<int, std::string>> expected;
-    if (port < 0) {
-      expected.emplace_back(3, std::string("Invalid UDP port provided in ZEL_SYSLOG_METHOD "
-                                           "environment variable: ") +
-                                   value + ". Using default syslog UDP port");
-    }
-    expected.emplace_back(6, "Emit syslog via UDP 127.0.0.1:" + std::to_string(std::abs(port)) +
-                                 ", FD: " + std::to_string(state.syslogFd));
-    EXPECT_EQ(SyslogCapture::Take(), expected);
+    EXPECT_EQ(PeerPort(state.syslogFd), 514);
+    EXPECT_THAT(log_.Take(),
+                ElementsAre(Pair(3, std::string("Invalid UDP port provided in ZEL_SYSLOG_METHOD "
+                                                "environment variable: ") +
+                                        value + ". Using default syslog UDP port"),
+                            Pair(6, "Emit syslog via UDP 127.0.0.1:514, FD: " +
+                                        std::to_string(state.syslogFd))));
   }
 }
-
-// --- node type ------------------------------------------------------------
 
 TEST_F(LoggerTest, NodeTypeFileRules) {
   static const std::string kLongLine = std::string(255, 'z') + "node-type: tail\n";
@@ -202,19 +195,18 @@ TEST_F(LoggerTest, NodeTypeFileRules) {
       // node-type line counts.
       {kLongLine.c_str(), "tail"},
   };
+  zel::testing::TempDir dir;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.content == nullptr ? "(no file)" : c.content);
-    Reset(nullptr, "DEVLOG", WriteIssue("node-type: earlier\n"));
-    Reset(nullptr, "DEVLOG", c.content == nullptr ? kNoFile : WriteIssue(c.content));
+    Reset(nullptr, "DEVLOG", dir.WriteFile("earlier", "node-type: earlier\n").c_str());
+    Reset(nullptr, "DEVLOG",
+          c.content == nullptr ? kNoFile : dir.WriteFile("issue", c.content).c_str());
     EXPECT_EQ(GetLoggerStateForTest().component, c.component);
     DORN_LOG(kLogInfo).format("x");
-    EXPECT_THAT(OnlySyslogLine().second,
-                StartsWith(std::string("[zel@4711 comp=\"") + c.component +
-                           "\" subcomp=\"zeldorn\""));
+    EXPECT_THAT(OnlyLine().second, StartsWith(std::string("[zel@4711 comp=\"") + c.component +
+                                              "\" subcomp=\"zeldorn\""));
   }
 }
-
-// --- structured data ------------------------------------------------------
 
 TEST_F(LoggerTest, LineLayout) {
   const std::string tid = " tid=\"" + Tid() + "\"";
@@ -255,15 +247,11 @@ TEST_F(LoggerTest, LineLayout) {
   };
   for (const auto& [emit, expected] : cases) {
     emit();
-    EXPECT_EQ(OnlySyslogLine().second, expected);
+    EXPECT_EQ(OnlyLine().second, expected);
   }
 }
 
-// --- text -----------------------------------------------------------------
-
-std::string TextOf(const std::string& line) { return line.substr(line.find("] ") + 2); }
-
-TEST_F(LoggerTest, TextAndTagsGrowAcrossBufferBoundaries) {
+TEST_F(LoggerTest, TextGrowsAcrossBufferBoundariesUpToTheLastFormatBuffer) {
   // Pieces that end below, at and past the room kept inside a record and
   // the 2048-byte format buffer.
   const std::string a(500, 'a'), b(11, 'b'), big(2047, 'B'), bigger(2048, 'C'), large(100000, 'L');
@@ -278,21 +266,19 @@ TEST_F(LoggerTest, TextAndTagsGrowAcrossBufferBoundaries) {
       tags += " key" + n + "=\"value" + n + "\"";
     }
   }
-  const std::string line = OnlySyslogLine().second;
+  const std::string line = OnlyLine().second;
   EXPECT_EQ(TextOf(line), a + b + "c" + a + big + bigger + large + "|5");
   EXPECT_THAT(line, HasSubstr("level=\"INFO\"" + tags + "] "));
-}
 
-TEST_F(LoggerTest, TextBelow2MiBIsKeptAndLongerTextIsDroppedWhole) {
+  // Text below 2 MiB is kept; longer text is dropped whole, the rest stays.
   const std::string fits(2097151, 'f');
   DORN_LOG(kLogInfo).format("%s", fits.c_str());
-  EXPECT_EQ(TextOf(OnlySyslogLine().second).size(), fits.size());
-
+  EXPECT_EQ(TextOf(OnlyLine().second).size(), fits.size());
   const std::string tooLong(2097152, 't');
   const std::string threeMiB(3 * 1024 * 1024, 'm');
   DORN_LOG(kLogInfo).format("head ").format("%s", tooLong.c_str()).format("%s", threeMiB.c_str())
       .format("tail");
-  EXPECT_EQ(TextOf(OnlySyslogLine().second), "head tail");
+  EXPECT_EQ(TextOf(OnlyLine().second), "head tail");
 }
 
 TEST(LoggerTimestampTest, UtcIsZAndOffsetsGetAColon) {
@@ -303,6 +289,7 @@ TEST(LoggerTimestampTest, UtcIsZAndOffsetsGetAColon) {
   } cases[] = {
       {678999999, 0, "2031-01-02T03:04:05.678Z"},  // cut, not rounded
       {5000000, -(3 * 3600 + 30 * 60), "2031-01-02T03:04:05.005-03:30"},
+      {90000000, 5 * 3600 + 30 * 60, "2031-01-02T03:04:05.090+05:30"},
   };
   for (const auto& c : cases) {
     std::timespec now{1925089445, c.nsec};  // 2031-01-02T03:04:05Z
@@ -312,8 +299,6 @@ TEST(LoggerTimestampTest, UtcIsZAndOffsetsGetAColon) {
     EXPECT_EQ(log_testing::FormatTimestampForTest(now, t), c.text);
   }
 }
-
-// --- UDP mode -------------------------------------------------------------
 
 std::string UtcNow() {
   std::timespec now{};
@@ -350,7 +335,7 @@ TEST_F(LoggerTest, UdpRecordHasTheRfc5424Header) {
   Logger(kLogInfo).setMsgId("MSG-7").format("p");
   ASSERT_TRUE(receiver.Receive(&datagram));
   EXPECT_THAT(datagram, HasSubstr(" ZEL " + std::to_string(getpid()) + " MSG-7 [zel@4711 "));
-  EXPECT_TRUE(SyslogCapture::Take().empty());
+  EXPECT_TRUE(log_.Take().empty());
 }
 
 TEST_F(LoggerTest, WriteErrorsAreReportedToSyslog) {
@@ -363,10 +348,10 @@ TEST_F(LoggerTest, WriteErrorsAreReportedToSyslog) {
   int fd = GetLoggerStateForTest().syslogFd;
   // The first datagram draws an ICMP port-unreachable; a later write reports
   // it. Bounded: loopback delivers the error long before 1000 records.
-  std::vector<std::pair<int, std::string>> lines;
+  Records lines;
   for (int i = 0; i < 1000 && lines.empty(); ++i) {
     DORN_LOG(kLogInfo).format("lost");
-    lines = SyslogCapture::Take();
+    lines = log_.Take();
   }
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], std::make_pair(3, "Failed to emit message to syslog via UDP, rc: -1, FD: " +
@@ -378,7 +363,7 @@ TEST_F(LoggerTest, WriteErrorsAreReportedToSyslog) {
   Reset(nullptr, std::to_string(receiver.port()).c_str());
   fd = GetLoggerStateForTest().syslogFd;
   DORN_LOG(kLogInfo).format("%s", std::string(70000, 'x').c_str());
-  EXPECT_THAT(SyslogCapture::Take(),
+  EXPECT_THAT(log_.Take(),
               ElementsAre(Pair(3, "Failed to emit message to syslog via UDP, rc: -1, FD: " +
                                       std::to_string(fd) + ", errno: " + std::to_string(EMSGSIZE))));
   const std::string fits(60000, 'y');
@@ -413,8 +398,6 @@ TEST_F(LoggerTest, ConcurrentRecordsArriveWhole) {
   EXPECT_EQ(received, kThreads * kEach);
 }
 
-// --- level gate -----------------------------------------------------------
-
 int g_evaluated = 0;
 int Count() { return ++g_evaluated; }
 
@@ -425,14 +408,12 @@ TEST_F(LoggerTest, StatementsAboveTheLevelOrACeilingEvaluateNothing) {
   MPALIB_LOG(kLogInfo).addTag(std::to_string(Count()));
   ZEL_METRICS_LOG(kLogDebug).format("%d", Count());
   EXPECT_EQ(g_evaluated, 0);
-  EXPECT_TRUE(SyslogCapture::Take().empty());
-  DORN_LOG(kLogError).format("%d", Count());
-  EXPECT_EQ(g_evaluated, 1);
-  EXPECT_THAT(OnlySyslogLine().second, EndsWith("] 1"));
-
   // A record built directly above the level is not emitted either.
   Logger(kLogWarn).format("built directly");
-  EXPECT_TRUE(SyslogCapture::Take().empty());
+  EXPECT_TRUE(log_.Take().empty());
+  DORN_LOG(kLogError).format("%d", Count());
+  EXPECT_EQ(g_evaluated, 1);
+  EXPECT_THAT(OnlyLine().second, EndsWith("] 1"));
 
   // At DEBUG the library ceilings still keep VERBOSE and DEBUG off.
   Reset("TRIVIA", "DEVLOG");
@@ -441,21 +422,19 @@ TEST_F(LoggerTest, StatementsAboveTheLevelOrACeilingEvaluateNothing) {
   ZEL_CORE_LOG(kLogVerbose).format("%d", Count());
   ZEL_CRYPTO_LOG(kLogDebug).format("%d", Count());
   EXPECT_EQ(g_evaluated, 1);
-  EXPECT_TRUE(SyslogCapture::Take().empty());
+  EXPECT_TRUE(log_.Take().empty());
   ZEL_RPC_LOG(kLogInfo).format("rpc");
   ZEL_METRICS_LOG(kLogDebug).format("metrics");
   DORN_LOG(kLogDebug).format("dorn");
-  auto lines = SyslogCapture::Take();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_THAT(lines[0].second, HasSubstr("s2comp=\"zel-rpc\""));
-  EXPECT_THAT(lines[1].second, HasSubstr("s2comp=\"zel-metrics\""));
-  EXPECT_THAT(lines[1].second, HasSubstr("level=\"DEBUG\"] metrics"));
-  EXPECT_THAT(lines[2].second, HasSubstr("level=\"DEBUG\"] dorn"));
+  EXPECT_TRUE(log_.InOrder({"s2comp=\"zel-rpc\"", "s2comp=\"zel-metrics\" tid=\"" + Tid() +
+                                                      "\" level=\"DEBUG\"] metrics",
+                            "level=\"DEBUG\"] dorn"}));
+  EXPECT_EQ(log_.Take().size(), 3u);
 
   // Levels outside 1 to 6 are refused.
   Logger(0).format("x");
   Logger(7).format("x");
-  EXPECT_THAT(SyslogCapture::Take(),
+  EXPECT_THAT(log_.Take(),
               ElementsAre(Pair(3, "Invalid log level 0"), Pair(3, "Invalid log level 7")));
 }
 
