@@ -76,6 +76,8 @@ boost::shared_ptr<CommunicationHandler> CommunicationHandler::CreateInstance(
 
 boost::shared_ptr<CommunicationHandler> CommunicationHandler::GetInstance() { return g_instance; }
 
+void CommunicationHandler::ReleaseInstance() { g_instance.reset(); }
+
 CommunicationHandler::CommunicationHandler(boost::shared_ptr<Monitor> monitor,
                                            zel::rpc::AsioZelProvider* provider,
                                            boost::shared_ptr<MpClientLayer> clientLayer)

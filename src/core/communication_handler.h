@@ -74,6 +74,10 @@ class CommunicationHandler {
       boost::shared_ptr<MpClientLayer> clientLayer);
   // The instance, or null before CreateInstance.
   static boost::shared_ptr<CommunicationHandler> GetInstance();
+  // Drops the process-wide reference. When it was the last one, the handler
+  // goes, and with it its Monitor reference: if that was the Monitor's last
+  // owner, its Thread destructor joins the monitor thread, which never ends.
+  static void ReleaseInstance();
 
   ~CommunicationHandler();
   CommunicationHandler(const CommunicationHandler&) = delete;

@@ -136,9 +136,7 @@ def deleteUser(username, accountManager):
     try:
         accountManager.RemoveUser(username)
     except hst.fault.UserNotFound:
-        message = "ulm user does not exist"
-        print(message)
-        sys.exit(message)
+        sys.exit("ulm user does not exist")
 )PY";
 
 bool IsRpmHost(const char* type) {

@@ -11,14 +11,19 @@
 // SIGABRT, before or after, sets the flag and leads to the orderly shutdown
 // once the dispatcher has stopped.
 //
-// Exit. After the orderly shutdown main returns 0, and the process-exit
-// destructors then join the monitor thread, which is never interrupted: the
-// process stays until a signal ends it. Exceptions during start-up are not
-// caught here; they end the process.
+// Exit. After the orderly shutdown main returns 0, and process exit then
+// releases the communication handler, whose Monitor reference is the last:
+// the Thread destructor joins the monitor thread, which is never interrupted,
+// so the process stays until a signal ends it. That release is an exit
+// handler registered once every singleton exists, so it runs before any of
+// their destructors: the monitor goes on checking against live objects while
+// the exit waits. Exceptions during start-up are not caught here; they end
+// the process.
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 
 #include <boost/make_shared.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -118,6 +123,10 @@ int main() {
 
   DORN_LOG(zel::kLogInfo).format("Starting Monitor Thread.");
   monitor->Start();
+
+  // Exit handlers run before the destructors of statics built earlier than
+  // their registration, so the join below comes first at exit.
+  std::atexit([] { CommunicationHandler::ReleaseInstance(); });
 
   // Serves on this thread until the provider stops.
   CommunicationHandler::GetInstance()->Start();

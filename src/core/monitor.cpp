@@ -11,6 +11,7 @@
 #include "core/host_info.h"
 #include "core/software_manager.h"
 #include "cpp/lib/common/logger.h"
+#include "util/mpa_error_tags.h"
 #include "orvane/zel/dorn/dorn_fabric_message.pb.h"
 
 namespace ZelDorn {
@@ -90,22 +91,20 @@ bool Monitor::CheckOnce() {
   previous_ = std::move(current);
   if (!publish) return false;
 
-  if (!previous_->empty()) {
-    // The host id is needed only for these lines, so its script runs only
-    // when there is something to report.
-    const std::string hostId = HostInfo::GetInstance()->GetHostId();
-    for (const auto& software : *previous_) {
-      if (software->state() == orvane::zel::dorn::ABSENT) {
-        DORN_LOG(zel::kLogError)
-            .addTag("errorCode:MPA30006")
-            .format("Software %s not present on host %s", software->name().c_str(),
-                    hostId.c_str());
-      } else {
-        DORN_LOG(zel::kLogError)
-            .addTag("errorCode:MPA30007")
-            .format("Host %s has invalid version %s of software %s", hostId.c_str(),
-                    software->version().c_str(), software->name().c_str());
-      }
+  // The host id is asked for each line: on a host that is not registered yet
+  // every line runs the id script again, which may by then have an answer.
+  for (const auto& software : *previous_) {
+    if (software->state() == orvane::zel::dorn::ABSENT) {
+      DORN_LOG(zel::kLogError)
+          .addTag(ZelMpa::tag::MPA30006)
+          .format("Software %s not present on host %s", software->name().c_str(),
+                  HostInfo::GetInstance()->GetHostId().c_str());
+    } else {
+      DORN_LOG(zel::kLogError)
+          .addTag(ZelMpa::tag::MPA30007)
+          .format("Host %s has invalid version %s of software %s",
+                  HostInfo::GetInstance()->GetHostId().c_str(), software->version().c_str(),
+                  software->name().c_str());
     }
   }
   WriteStatusFile_(static_cast<uint32_t>(previous_->size()));

@@ -37,7 +37,8 @@ class MpClient {
   virtual void Start() = 0;
   // Closes the connection; no reconnect follows.
   virtual void Stop() = 0;
-  // The cookie of the current connection to the relay, -1 when there is none.
+  // The client's cookie as it stands: the current connection's, -1 before any
+  // registration, or the negative code of a failed one.
   virtual int32_t GetCookieId() = 0;
   // Sends `message` on whichever road is in force. The layer copies what it
   // needs before returning. Returns 0 on success, negative on failure.

@@ -19,12 +19,7 @@ void MpaClientHandle::Start() { client_->Start(); }
 
 void MpaClientHandle::Stop() { client_->Close(); }
 
-int32_t MpaClientHandle::GetCookieId() {
-  // The client keeps a failed registration's code as its cookie; the agent
-  // sees only "no connection".
-  const int32_t cookie = client_->GetCookieId();
-  return cookie >= 0 ? cookie : -1;
-}
+int32_t MpaClientHandle::GetCookieId() { return client_->GetCookieId(); }
 
 int MpaClientHandle::SendMsg(rmqClientMessage* message) { return client_->SendMsg(message); }
 

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "core/fake_managers.h"
-#include "core/log_capture.h"
+#include "support/log_capture.h"
 #include "core/monitor.h"
 #include "cpp/lib/common/asio_dispatcher.h"
 #include "cpp/lib/common/logger.h"
@@ -78,7 +78,7 @@ class CommunicationHandlerTest : public ::testing::Test {
 
   std::vector<SentMessage> Sent() { return layer_->client()->Sent(); }
 
-  testing::LogCapture log_;
+  zel::testing::LogCapture log_;
   boost::shared_ptr<zel::rpc::AsioZelProvider> provider_;
   boost::shared_ptr<Monitor> monitor_;
   boost::shared_ptr<FakeMpClientLayer> layer_;

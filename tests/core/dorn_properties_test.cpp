@@ -5,8 +5,8 @@
 #include <boost/property_tree/ini_parser.hpp>
 #include <gtest/gtest.h>
 
-#include "core/log_capture.h"
-#include "core/temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace ZelDorn {
 namespace {
@@ -24,8 +24,8 @@ class DornPropertiesTest : public ::testing::Test {
     return properties;
   }
 
-  testing::TempDir dir_;
-  testing::LogCapture log_;
+  zel::testing::TempDir dir_;
+  zel::testing::LogCapture log_;
 };
 
 TEST_F(DornPropertiesTest, ReadsAllThreeProperties) {

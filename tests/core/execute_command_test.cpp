@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "core/log_capture.h"
-#include "core/temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace ZelDorn {
 namespace {
@@ -42,7 +42,7 @@ class ScopedIgnoreSigchld {
 
 class ExecuteCommandTest : public ::testing::Test {
  protected:
-  testing::LogCapture log_;
+  zel::testing::LogCapture log_;
 };
 
 TEST_F(ExecuteCommandTest, CapturesOutputAndExitCodes) {
@@ -60,6 +60,14 @@ TEST_F(ExecuteCommandTest, CapturesOutputAndExitCodes) {
   EXPECT_EQ(ExecuteCommand("echo before; kill -9 $$", output), 0);
   EXPECT_EQ(output, "before\n");
   EXPECT_TRUE(log_.Lines().empty());
+
+  // Lines around and far past the read buffer arrive whole, in order.
+  for (size_t length : {1022u, 1023u, 1024u, 1025u, 5000u}) {
+    SCOPED_TRACE(length);
+    const std::string line(length, 'x');
+    EXPECT_EQ(ExecuteCommand("printf '%s\\ny\\n' " + line, output), 0);
+    EXPECT_EQ(output, line + "\ny\n");
+  }
 }
 
 TEST_F(ExecuteCommandTest, RunsOnSeveralThreadsAtOnce) {
@@ -114,14 +122,14 @@ TEST(ExecuteCommandDeathTest, PopenFailureGivesMinusOneAndText) {
 }
 
 TEST_F(ExecuteCommandTest, InputReachesTheCommand) {
-  testing::TempDir dir;
+  zel::testing::TempDir dir;
   const std::string file = dir.path() + "/input.txt";
   std::string input;
   for (int i = 0; i < 20000; ++i) input += "line " + std::to_string(i) + "\n";  // > pipe size
   std::string error = "stale";
   EXPECT_EQ(ExecuteCommandWithInput("cat > '" + file + "'", input, error), 0);
   EXPECT_EQ(error, "");
-  EXPECT_TRUE(testing::TempDir::ReadFile(file) == input);
+  EXPECT_TRUE(zel::testing::TempDir::ReadFile(file) == input);
 
   EXPECT_EQ(ExecuteCommandWithInput("dorn-no-such-command-xyz 2>/dev/null", "", error), 127);
   EXPECT_TRUE(log_.Lines().empty());

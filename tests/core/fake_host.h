@@ -15,7 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "core/temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 #ifndef DORN_FAKE_HOSTS_DIR
 #error "DORN_FAKE_HOSTS_DIR must name tests/fakes/hosts"
@@ -23,6 +24,9 @@
 
 namespace ZelDorn {
 namespace testing {
+
+using zel::testing::LogCapture;
+using zel::testing::TempDir;
 
 class FakeHost {
  public:

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "core/fake_host.h"
-#include "core/log_capture.h"
+#include "support/log_capture.h"
 
 namespace ZelDorn {
 namespace {
@@ -16,8 +16,6 @@ using testing::FakeHost;
 class HostInfoTest : public ::testing::Test {
  protected:
   HostInfoTest() {
-    zel::log_testing::SetUpLoggerForTest("VERBOSE", "DEVLOG", "/nonexistent/zel_issue");
-    log_.Clear();  // the set-up's own complaints
     HostInfo::SetHostTypeForTest(nullptr);
   }
   ~HostInfoTest() override { HostInfo::SetHostTypeForTest(nullptr); }
@@ -26,7 +24,7 @@ class HostInfoTest : public ::testing::Test {
     return FakeHost::FakesDir() + "/id/get_mpa_node_uuid-" + variant;
   }
 
-  testing::LogCapture log_;
+  zel::testing::LogCapture log_{"VERBOSE"};
 };
 
 struct Detection {

@@ -23,8 +23,8 @@
 #include "core/communication_handler.h"
 #include "core/host_info.h"
 #include "core/host_operations.h"
-#include "core/log_capture.h"
-#include "core/temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 #include "cpp/lib/common/asio_dispatcher.h"
 #include "cpp/lib/common/logger_testing.h"
 #include "cpp/lib/rpc/asio_zel_provider.h"
@@ -34,13 +34,14 @@
 namespace ZelDorn {
 namespace testing {
 
+using zel::testing::LogCapture;
+using zel::testing::TempDir;
+
 class ManagerTestEnv {
  public:
   static constexpr const char* kHostId = "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d";
 
   ManagerTestEnv() {
-    zel::log_testing::SetUpLoggerForTest("VERBOSE", "DEVLOG", "/nonexistent/zel_issue");
-    log_.Clear();
 
     const char* path = getenv("PATH");
     savedPath_ = path != nullptr ? path : "";
@@ -54,8 +55,9 @@ class ManagerTestEnv {
 
     HostOperations::CreateInstance();
     const std::string idScript = dir_.path() + "/host_id";
-    WriteExecutable(idScript, "#!/bin/sh\necho host_id >> '" + dir_.path() + "/calls'\necho " +
-                                  kHostId + "\n");
+    SetHostIdOutput(std::string(kHostId) + "\n");
+    WriteExecutable(idScript, "#!/bin/sh\necho host_id >> '" + dir_.path() + "/calls'\ncat '" +
+                                  dir_.path() + "/host_id_output'\n");
     HostInfo::CreateInstance(idScript);
     HostInfo::SetHostTypeForTest(kHostTypeRhel);
 
@@ -82,11 +84,13 @@ class ManagerTestEnv {
 
   // The text that the next software list command prints.
   void SetSoftwareList(const std::string& text) { dir_.WriteFile("software_list", text); }
+  // What the host id script prints from now on ("" for a host that is not
+  // registered yet).
+  void SetHostIdOutput(const std::string& text) { dir_.WriteFile("host_id_output", text); }
   // Number of software list commands run so far.
   size_t SoftwareListRuns() const { return Calls("rpmquery"); }
   // Number of runs of the host id script so far.
   size_t HostIdRuns() const { return Calls("host_id"); }
-
 
   // Puts a shell stand-in called `name` first on PATH.
   void AddStandin(const std::string& name, const std::string& body) {
@@ -125,7 +129,7 @@ class ManagerTestEnv {
     if (!out || chmod(file.c_str(), 0755) != 0) throw std::runtime_error("cannot write " + file);
   }
 
-  LogCapture log_;
+  LogCapture log_{"VERBOSE"};
   TempDir dir_;
   std::string bin_;
   std::string savedPath_;

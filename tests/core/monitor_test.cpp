@@ -5,12 +5,10 @@
 // interrupting its sleep.
 #include "core/monitor.h"
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -18,6 +16,7 @@
 #include "core/dorn_properties.h"
 #include "core/manager_test_support.h"
 #include "core/software_manager.h"
+#include "support/wait.h"
 #include "orvane/zel/dorn/dorn_fabric_message.pb.h"
 
 namespace ZelDorn {
@@ -25,9 +24,7 @@ namespace {
 
 using orvane::zel::dorn::Software;
 using testing::ManagerTestEnv;
-using testing::TempDir;
-
-constexpr auto kDeadline = std::chrono::seconds(20);
+using zel::testing::TempDir;
 
 Software MakeSoftware(const std::string& name, const std::string& version) {
   Software software;
@@ -61,12 +58,7 @@ class MonitorTest : public ::testing::Test {
   }
 
   bool WaitForStatus(uint32_t expected) const {
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (std::chrono::steady_clock::now() < end) {
-      if (Status() == expected) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
+    return zel::testing::WaitUntil([&] { return Status() == expected; });
   }
 
   // Records that contain both texts.
@@ -115,25 +107,43 @@ TEST_F(MonitorTest, FirstCheckPublishesEvenWhenNothingIsMissingThenOnlyOnChange)
   EXPECT_EQ(Status(), 0u);
 }
 
+// Each unmet package is logged with the host id, asked for anew per line: a
+// host that is not registered yet runs the id script again for each line, a
+// registered one runs it once (the id is kept).
 TEST_F(MonitorTest, PublishLogsEachUnmetPackageWithTheHostIdAndWritesTheCount) {
+  const struct {
+    std::string idOutput;
+    std::string hostInLines;
+    size_t idRuns;
+    size_t notRegisteredLines;
+  } cases[] = {
+      {"", "", 2, 2},
+      {std::string(ManagerTestEnv::kHostId) + "\n", ManagerTestEnv::kHostId, 1, 0},
+  };
   TrackTwoUnmet();
-  auto monitor = MakeMonitor(180, 60);
-  ASSERT_TRUE(monitor->CheckOnce());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.idOutput);
+    env_.SetHostIdOutput(c.idOutput);
+    env_.log().Clear();
+    const size_t idRunsBefore = env_.HostIdRuns();
+    auto monitor = MakeMonitor(180, 60);
+    ASSERT_TRUE(monitor->CheckOnce());
 
-  const std::string host = ManagerTestEnv::kHostId;
-  EXPECT_EQ(LinesWith("level=\"ERROR\" errorCode=\"MPA30007\"]",
-                      "Host " + host + " has invalid version 1.9 of software gamma"),
-            1u);
-  EXPECT_EQ(LinesWith("level=\"ERROR\" errorCode=\"MPA30006\"]",
-                      "Software delta not present on host " + host),
-            1u);
-  EXPECT_EQ(env_.HostIdRuns(), 1u);
-  EXPECT_EQ(Status(), 2u);  // four bytes in the host's byte order
+    EXPECT_EQ(LinesWith("level=\"ERROR\" errorCode=\"MPA30007\"]",
+                        "Host " + c.hostInLines + " has invalid version 1.9 of software gamma"),
+              1u);
+    EXPECT_EQ(LinesWith("level=\"ERROR\" errorCode=\"MPA30006\"]",
+                        "Software delta not present on host " + c.hostInLines),
+              1u);
+    EXPECT_EQ(env_.HostIdRuns() - idRunsBefore, c.idRuns);
+    EXPECT_EQ(env_.log().Count("errorCode=\"MPA30002\""), c.notRegisteredLines);
+    EXPECT_EQ(Status(), 2u);  // four bytes in the host's byte order
 
-  // A check that does not publish logs nothing of the packages.
-  env_.log().Clear();
-  EXPECT_FALSE(monitor->CheckOnce());
-  EXPECT_EQ(env_.log().Count("errorCode=\"MPA3000"), 0u);
+    // A check that does not publish logs nothing of the packages.
+    env_.log().Clear();
+    EXPECT_FALSE(monitor->CheckOnce());
+    EXPECT_EQ(env_.log().Count("errorCode=\"MPA3000"), 0u);
+  }
 }
 
 TEST_F(MonitorTest, ForcePublishRepublishesAnUnchangedList) {

@@ -24,7 +24,7 @@ using orvane::zel::dorn::DornMessage;
 using orvane::zel::dorn::OperationStatus;
 using testing::ManagerTestEnv;
 using testing::Request;
-using testing::TempDir;
+using zel::testing::TempDir;
 
 class OperationManagersTest : public ::testing::Test {
  protected:

@@ -15,7 +15,7 @@
 #include <boost/thread/thread.hpp>
 #include <gtest/gtest.h>
 
-#include "core/log_capture.h"
+#include "support/log_capture.h"
 
 namespace ZelDorn {
 namespace {
@@ -56,7 +56,7 @@ class Gate {
 
 class ThreadTest : public ::testing::Test {
  protected:
-  testing::LogCapture log_;
+  zel::testing::LogCapture log_;
 };
 
 TEST_F(ThreadTest, DestructorWaitsForTheBodyAndDoesNotInterruptIt) {

@@ -11,14 +11,14 @@
 
 #include "core/fake_host.h"
 #include "core/host_operations.h"
-#include "core/log_capture.h"
-#include "core/temp_dir.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace ZelDorn {
 namespace {
 
 using testing::FakeHost;
-using testing::TempDir;
+using zel::testing::TempDir;
 
 const std::vector<std::string> kGetCalls = {
     "ulmcfg-advcfg -q -g /UserVars/ZEL_IP",
@@ -56,7 +56,7 @@ class UlmAdvConfigMonitorThreadTest : public ::testing::Test {
     return TempDir::ReadFile(fake_.state() + "/advcfg/" + name);
   }
 
-  testing::LogCapture log_;
+  zel::testing::LogCapture log_;
   FakeHost fake_{"ulm"};
   boost::shared_ptr<HostOperations> host_;
 };

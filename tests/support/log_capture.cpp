@@ -44,6 +44,12 @@ LogCapture::LogCapture(bool setUpLogger) {
   Clear();
 }
 
+LogCapture::LogCapture(const char* logLevel) {
+  log_testing::SetSyslogSinkForTest(&Sink);
+  log_testing::SetUpLoggerForTest(logLevel, "DEVLOG", "/nonexistent/zel_issue");
+  Clear();
+}
+
 LogCapture::~LogCapture() { log_testing::SetSyslogSinkForTest(nullptr); }
 
 std::vector<std::pair<int, std::string>> LogCapture::Records() const {

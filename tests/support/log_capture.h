@@ -23,6 +23,8 @@ class LogCapture {
   // logger is also set up afresh in syslog mode at INFO, with no node type
   // file, so records reach the sink whatever the environment says.
   explicit LogCapture(bool setUpLogger = true);
+  // The same, with the logger set up at `logLevel` ("VERBOSE", "DEBUG", ...).
+  explicit LogCapture(const char* logLevel);
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;

@@ -9,14 +9,14 @@ class _AccountManager(object):
         if "nopermission" in modes():
             raise hst.fault.NoPermission()
         names = users()
-        if user_spec.id in names:
+        if user_spec.id in names or "ghost" in modes():
             raise hst.fault.AlreadyExists()
         save_users(names + [user_spec.id])
 
     def RemoveUser(self, name):
         record("RemoveUser", name)
         names = users()
-        if name not in names:
+        if name not in names or "ghost" in modes():
             raise hst.fault.UserNotFound(name)
         save_users([n for n in names if n != name])
 

@@ -9,6 +9,7 @@ ZEL_FAKE_HST_MODE, a comma list, injects faults:
   stale           UpdateLockdownExceptions raises UserNotFound("olduser")
   lockdown-error  QueryLockdownExceptions raises RuntimeError("boom")
   norole          SetEntityPermissions raises hst.fault.NotFound
+  ghost           CreateUser raises AlreadyExists and RemoveUser UserNotFound
 """
 import os
 
