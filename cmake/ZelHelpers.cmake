@@ -1,7 +1,10 @@
 # Small helpers that give every library, test and benchmark the same shape.
 #
 #   zel_cc_library(NAME zel_common ALIAS zel::common
-#                  SRCS a.cpp b.cpp  DEPS zel::other Boost::system)
+#                  SRCS a.cpp b.cpp  DEPS zel::other  PUBLIC_DEPS Boost::system)
+#
+# DEPS are private: what the library's sources use. PUBLIC_DEPS are what its
+# public headers need, and reach every user of the library.
 #   zel_cc_test(NAME logger_test SRCS logger_test.cpp DEPS zel::common)
 #   zel_cc_bench(NAME logger_bench SRCS logger_bench.cpp DEPS zel::common)
 #
@@ -12,7 +15,7 @@ function(zel_cc_library)
   cmake_parse_arguments(ZEL "" "NAME;ALIAS" "SRCS;DEPS;PUBLIC_DEPS" ${ARGN})
   add_library(${ZEL_NAME} STATIC ${ZEL_SRCS})
   target_include_directories(${ZEL_NAME} PUBLIC ${PROJECT_SOURCE_DIR}/src)
-  target_link_libraries(${ZEL_NAME} PUBLIC ${ZEL_DEPS} ${ZEL_PUBLIC_DEPS})
+  target_link_libraries(${ZEL_NAME} PRIVATE ${ZEL_DEPS} PUBLIC ${ZEL_PUBLIC_DEPS})
   if(ZEL_ALIAS)
     add_library(${ZEL_ALIAS} ALIAS ${ZEL_NAME})
   endif()

@@ -6,6 +6,8 @@
 #   scripts/test.sh tsan          TSan build and all tests
 #   scripts/test.sh all           the three in turn
 #
+# The normal build also runs the compile-only lock-annotation check.
+#
 # Extra arguments after the preset go to ctest (for example -R logger).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,6 +22,10 @@ for preset in "${presets[@]}"; do
   cmake --preset "$preset" >/dev/null
   echo "== $preset: build"
   cmake --build --preset "$preset" -j "$jobs"
+  if [ "$preset" = default ]; then
+    echo "== $preset: lock annotations (clang -Wthread-safety, syntax only)"
+    bash scripts/check_thread_safety.sh "build/$preset"
+  fi
   echo "== $preset: test"
   ctest --preset "$preset" -j "$jobs" "$@"
 done

@@ -1,5 +1,6 @@
-// WeakCallback0<T>: a nullary callback that calls a member function of an
-// object without keeping the object alive.
+// WeakCallback<T, WeakPtr, Args...>: a callback that calls a member function of
+// an object, with the arguments the callback is called with, without keeping
+// the object alive. WeakCallback0<T> is the nullary one.
 //
 // Weak references in this code base are boost::weak_ptr (std::weak_ptr works
 // too): an object that queued callbacks must not keep alive is owned by a
@@ -19,10 +20,14 @@
 // member runs while the callback holds a strong reference, so the target
 // cannot die under it. When the target has gone, the call runs the optional
 // `onExpired` function instead (for an "... already destroyed" log line) or
-// does nothing. WeakCallback0 converts to boost::function<void()> and
-// std::function<void()>.
+// does nothing. A callback converts to boost::function<void(Args...)> and
+// std::function<void(Args...)>, so it serves as a completion handler:
 //
-// Threads: a WeakCallback0 may be copied and called on any thread; the member
+//   socket.async_read_some(buffer,
+//       zel::MakeWeakCallback(weak_from_this(), &Connection::OnRead));
+//   // calls OnRead(ec, n) while the connection lives, nothing after.
+//
+// Threads: a callback may be copied and called on any thread; the member
 // runs on the calling thread.
 #ifndef ZEL_COMMON_WEAK_CALLBACK_H_
 #define ZEL_COMMON_WEAK_CALLBACK_H_
@@ -37,17 +42,19 @@
 
 namespace zel {
 
-template <class T, class WeakPtr = boost::weak_ptr<T>>
-class WeakCallback0 {
+template <class T, class WeakPtr, class... Args>
+class WeakCallback {
  public:
-  using Method = void (T::*)();
+  using Method = void (T::*)(Args...);
 
-  WeakCallback0(WeakPtr target, Method method, boost::function<void()> onExpired = {})
+  WeakCallback(WeakPtr target, Method method, boost::function<void()> onExpired = {})
       : target_(std::move(target)), method_(method), onExpired_(std::move(onExpired)) {}
 
-  void operator()() const {
+  // Arguments are forwarded to the member as the member takes them.
+  template <class... CallArgs>
+  void operator()(CallArgs&&... args) const {
     if (auto strong = target_.lock()) {
-      ((*strong).*method_)();
+      ((*strong).*method_)(std::forward<CallArgs>(args)...);
     } else if (onExpired_) {
       onExpired_();
     }
@@ -63,24 +70,35 @@ class WeakCallback0 {
   boost::function<void()> onExpired_;
 };
 
-template <class T, class U>
-WeakCallback0<T> MakeWeakCallback(const boost::shared_ptr<U>& target, void (T::*method)(),
-                                  boost::function<void()> onExpired = {}) {
-  return WeakCallback0<T>(boost::weak_ptr<T>(target), method, std::move(onExpired));
+template <class T, class WeakPtr = boost::weak_ptr<T>>
+using WeakCallback0 = WeakCallback<T, WeakPtr>;
+
+template <class T, class U, class... Args>
+WeakCallback<T, boost::weak_ptr<T>, Args...> MakeWeakCallback(
+    const boost::shared_ptr<U>& target, void (T::*method)(Args...),
+    boost::function<void()> onExpired = {}) {
+  return {boost::weak_ptr<T>(target), method, std::move(onExpired)};
 }
 
-template <class T, class U>
-WeakCallback0<T> MakeWeakCallback(const boost::weak_ptr<U>& target, void (T::*method)(),
-                                  boost::function<void()> onExpired = {}) {
-  return WeakCallback0<T>(boost::weak_ptr<T>(target), method, std::move(onExpired));
+template <class T, class U, class... Args>
+WeakCallback<T, boost::weak_ptr<T>, Args...> MakeWeakCallback(
+    const boost::weak_ptr<U>& target, void (T::*method)(Args...),
+    boost::function<void()> onExpired = {}) {
+  return {boost::weak_ptr<T>(target), method, std::move(onExpired)};
 }
 
-template <class T, class U>
-WeakCallback0<T, std::weak_ptr<T>> MakeWeakCallback(const std::shared_ptr<U>& target,
-                                                    void (T::*method)(),
-                                                    boost::function<void()> onExpired = {}) {
-  return WeakCallback0<T, std::weak_ptr<T>>(std::weak_ptr<T>(target), method,
-                                            std::move(onExpired));
+template <class T, class U, class... Args>
+WeakCallback<T, std::weak_ptr<T>, Args...> MakeWeakCallback(
+    const std::shared_ptr<U>& target, void (T::*method)(Args...),
+    boost::function<void()> onExpired = {}) {
+  return {std::weak_ptr<T>(target), method, std::move(onExpired)};
+}
+
+template <class T, class U, class... Args>
+WeakCallback<T, std::weak_ptr<T>, Args...> MakeWeakCallback(
+    const std::weak_ptr<U>& target, void (T::*method)(Args...),
+    boost::function<void()> onExpired = {}) {
+  return {std::weak_ptr<T>(target), method, std::move(onExpired)};
 }
 
 }  // namespace zel

@@ -93,7 +93,7 @@ WorkGroup::~WorkGroup() {
 }
 
 void WorkGroup::Start(uint32_t numThreads) {
-  std::lock_guard<std::mutex> threadsLock(threadsMutex_);
+  MutexLock threadsLock(threadsMutex_);
   if (started_) throw std::logic_error(state_->logName + ": already started");
   started_ = true;
   {
@@ -139,7 +139,7 @@ void WorkGroup::Stop() {
 }
 
 void WorkGroup::JoinThreads_(bool detachOwn) {
-  std::lock_guard<std::mutex> threadsLock(threadsMutex_);
+  MutexLock threadsLock(threadsMutex_);
   bool joined = false;
   for (auto& thread : threads_) {
     if (!thread->joinable()) continue;

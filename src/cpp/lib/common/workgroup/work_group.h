@@ -40,11 +40,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "cpp/lib/common/mutex.h"
 #include "cpp/lib/common/ref_counted.h"
 
 namespace boost {
@@ -147,12 +147,12 @@ class WorkGroup : public RefCounted<WorkGroup, IRefCountable> {
   // from under the others.
   static void ThreadBody_(std::shared_ptr<State> state);
   static void RunItem_(State& state, WorkItem& item);
-  void JoinThreads_(bool detachOwn);
+  void JoinThreads_(bool detachOwn) EXCLUDES(threadsMutex_);
 
   const std::shared_ptr<State> state_;
-  std::mutex threadsMutex_;
-  bool started_ = false;                                // guarded by threadsMutex_
-  std::vector<std::unique_ptr<boost::thread>> threads_;  // guarded by threadsMutex_
+  Mutex threadsMutex_;
+  bool started_ GUARDED_BY(threadsMutex_) = false;
+  std::vector<std::unique_ptr<boost::thread>> threads_ GUARDED_BY(threadsMutex_);
 };
 
 // The process-wide group.

@@ -89,7 +89,7 @@ boost::shared_ptr<AsioTimer> AsioTimer::Start(boost::shared_ptr<boost::asio::io_
                                               bool aligned, TimerCallback callback) {
   auto timer = boost::make_shared<AsioTimer>(PrivateTag{}, std::move(ioContext), std::move(clock),
                                              mode, interval, aligned, std::move(callback));
-  std::lock_guard<std::mutex> lock(timer->mutex_);
+  MutexLock lock(timer->mutex_);
   timer->Schedule_();
   return timer;
 }
@@ -111,22 +111,22 @@ AsioTimer::AsioTimer(PrivateTag, boost::shared_ptr<boost::asio::io_context> ioCo
 AsioTimer::~AsioTimer() = default;
 
 TimerState AsioTimer::state() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   return state_;
 }
 
 uint64_t AsioTimer::cycle() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   return cycle_;
 }
 
 AsioTimer::SteadyTime AsioTimer::epoch() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   return epoch_;
 }
 
 AsioTimer::SteadyTime AsioTimer::deadline() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   return deadline_;
 }
 
@@ -244,7 +244,7 @@ void AsioTimer::OnExpiry_(const boost::weak_ptr<AsioTimer>& weakSelf, uint64_t i
 }
 
 void AsioTimer::HandleExpiry_(const boost::system::error_code& ec) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   ZEL_CORE_LOG(kLogVerbose).format("Timer[%lu#%s]: timer handler (status: %i - %s)",
                                    static_cast<unsigned long>(id_), TimerStateName(state_),
                                    ec.value(), ec.message().c_str());
@@ -281,7 +281,7 @@ void AsioTimer::HandleExpiry_(const boost::system::error_code& ec) {
 
   SetState_(TimerState::EXECUTING);
   const SteadyTime started = clock_->SteadyNow();
-  lock.unlock();
+  lock.Unlock();
   // Released so that the callback may Cancel its own timer. A std::exception
   // must not unwind through the dispatcher; anything else (a forced stop's
   // boost::thread_interrupted) leaves as from any handler.
@@ -290,7 +290,7 @@ void AsioTimer::HandleExpiry_(const boost::system::error_code& ec) {
   } catch (const std::exception&) {
     ZEL_LOG_CAUGHT_EXCEPTION(ZEL_CORE_LOG, kTagCmnLib9999, "Timer callback");
   }
-  lock.lock();
+  lock.Lock();
   ZEL_CORE_LOG(kLogVerbose).format("Timer[%lu#%s]: user callback took %li ms",
                                    static_cast<unsigned long>(id_), TimerStateName(state_),
                                    ToMs(clock_->SteadyNow() - started));
@@ -316,7 +316,7 @@ void AsioTimer::HandleExpiry_(const boost::system::error_code& ec) {
 }
 
 void AsioTimer::Cancel() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  MutexLock lock(mutex_);
   ZEL_CORE_LOG(kLogVerbose).format("Timer[%lu#%s]: attempting to cancel",
                                    static_cast<unsigned long>(id_), TimerStateName(state_));
   switch (state_) {

@@ -21,7 +21,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -29,6 +28,7 @@
 #include <boost/smart_ptr/shared_ptr.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "cpp/lib/common/mutex.h"
 #include "cpp/lib/timer/impl/timer_clock.h"
 #include "cpp/lib/timer/timer.h"
 
@@ -84,7 +84,7 @@ class AsioTimer : public Timer, public boost::enable_shared_from_this<AsioTimer>
   ~AsioTimer() override;
 
   // Timer
-  void Cancel() override;
+  void Cancel() override EXCLUDES(mutex_);
 
   uint64_t id() const { return id_; }
   TimerMode mode() const { return mode_; }
@@ -100,15 +100,14 @@ class AsioTimer : public Timer, public boost::enable_shared_from_this<AsioTimer>
   SteadyTime deadline() const;
 
  private:
-  // Each of these expects mutex_ to be held.
-  void Schedule_();
-  void ScheduleNextCycle_();
-  void SetState_(TimerState state);
+  void Schedule_() REQUIRES(mutex_);
+  void ScheduleNextCycle_() REQUIRES(mutex_);
+  void SetState_(TimerState state) REQUIRES(mutex_);
 
   // The completion of the asio wait, reached through a weak reference.
   static void OnExpiry_(const boost::weak_ptr<AsioTimer>& weakSelf, uint64_t id,
                         const boost::system::error_code& ec);
-  void HandleExpiry_(const boost::system::error_code& ec);
+  void HandleExpiry_(const boost::system::error_code& ec) EXCLUDES(mutex_);
 
   const uint64_t id_;
   const bool aligned_;
@@ -119,12 +118,12 @@ class AsioTimer : public Timer, public boost::enable_shared_from_this<AsioTimer>
   // Declared before timer_, so the io_context outlives it.
   const boost::shared_ptr<boost::asio::io_context> io_;
 
-  mutable std::mutex mutex_;
-  TimerState state_ = TimerState::INIT;  // guarded by mutex_
-  SteadyTime epoch_;                     // guarded by mutex_
-  SteadyTime deadline_;                  // guarded by mutex_
-  uint64_t cycle_ = 0;                   // guarded by mutex_
-  boost::asio::steady_timer timer_;      // guarded by mutex_
+  mutable Mutex mutex_;
+  TimerState state_ GUARDED_BY(mutex_) = TimerState::INIT;
+  SteadyTime epoch_ GUARDED_BY(mutex_);
+  SteadyTime deadline_ GUARDED_BY(mutex_);
+  uint64_t cycle_ GUARDED_BY(mutex_) = 0;
+  boost::asio::steady_timer timer_ GUARDED_BY(mutex_);
 };
 
 }  // namespace impl
