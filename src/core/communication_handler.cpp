@@ -23,6 +23,7 @@
 #include "mpalib/bson_object.h"
 #include "mpalib/rmq_client_message.h"
 #include "orvane/zel/dorn/dorn_fabric_message.pb.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelDorn {
 
@@ -114,7 +115,7 @@ void CommunicationHandler::Start() {
     client->Start();
   } else {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPAERR_MPA_INVALID_MSG_HANDLER")
+        .addTag(ZelMpa::tag::MPAERR_MPA_INVALID_MSG_HANDLER)
         .format("No MPA client registered for %s.", appName_.c_str());
   }
   clientLayer_->StartProxyClient();
@@ -159,7 +160,7 @@ void CommunicationHandler::Callback(rmqClientMessage* message) {
   if (!sizeOk || !dornMessage.ParseFromArray(message->payload,
                                              static_cast<int>(message->payloadLen))) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPAERR_PARSE_DORN_MSG_FAIL")
+        .addTag(ZelMpa::tag::MPAERR_PARSE_DORN_MSG_FAIL)
         .format("Failed to parse DornMessage");
     return;
   }
@@ -254,7 +255,7 @@ void CommunicationHandler::SendMsg(const DornMessage& message, const char* reply
   std::unique_ptr<uint8_t[]> buffer(new uint8_t[size > 0 ? size : 1]);
   if (size > INT_MAX || !message.SerializeToArray(buffer.get(), static_cast<int>(size))) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPAERR_PROTOBUF_SERIALIZATION")
+        .addTag(ZelMpa::tag::MPAERR_PROTOBUF_SERIALIZATION)
         .format("Error occurred while serializing to protobuf.");
   }
   record.payload = buffer.get();
@@ -282,7 +283,7 @@ void CommunicationHandler::SendMsg(const DornMessage& message, const char* reply
   const int result = client ? client->SendMsg(&record) : -1;
   if (result != 0) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPAERR_SEND_MP_MSG_FAIL")
+        .addTag(ZelMpa::tag::MPAERR_SEND_MP_MSG_FAIL)
         .format("Failed to send message to ZEL Manager. Error code : %d", result);
   }
 }

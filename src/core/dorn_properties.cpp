@@ -5,6 +5,7 @@
 #include <boost/property_tree/ini_parser.hpp>
 
 #include "cpp/lib/common/logger.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelDorn {
 
@@ -25,7 +26,7 @@ boost::shared_ptr<DornProperties> DornProperties::CreateInstance(const std::stri
     boost::property_tree::ini_parser::read_ini(path, g_instance->tree_, std::locale());
   } catch (...) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPA30008")
+        .addTag(ZelMpa::tag::MPA30008)
         .format("Error occurred while loading properties file %s", path.c_str());
     g_instance.reset();
     throw;
@@ -53,7 +54,7 @@ int32_t DornProperties::GetProperty_(const char* name, int32_t defaultValue) con
     // get_optional gives none both for a missing path and for text that is
     // not a whole number.
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPA30009")
+        .addTag(ZelMpa::tag::MPA30009)
         .format("Error occurred while loading property %s, setting it to default value %d", name,
                 defaultValue);
     return defaultValue;

@@ -9,6 +9,7 @@
 
 #include "cpp/lib/common/errors.h"
 #include "cpp/lib/common/logger.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelDorn {
 
@@ -26,7 +27,7 @@ int CloseCommand(FILE* pipe) {
   }
   const int error = errno;
   DORN_LOG(zel::kLogError)
-      .addTag("errorCode:MPA30010")
+      .addTag(ZelMpa::tag::MPA30010)
       .format("Error while closing FILE*, error %s", zel::ErrnoText(error).c_str());
   return 0;
 }

@@ -10,6 +10,7 @@
 
 #include "core/execute_command.h"
 #include "cpp/lib/common/logger.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelDorn {
 
@@ -91,7 +92,7 @@ int HostInfo::InitVersionInfo() {
   if (output.size() >= kMaxUnameOutput ||
       sscanf(output.c_str(), "%s %s", kernel, version) != 2) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPA30011")
+        .addTag(ZelMpa::tag::MPA30011)
         .format("[%s] unrecognized uname output:[%s]\n", kFunction, output.c_str());
     return -1;
   }
@@ -120,7 +121,7 @@ int HostInfo::InitVersionInfo() {
   }
 
   DORN_LOG(zel::kLogError)
-      .addTag("errorCode:MPA30011")
+      .addTag(ZelMpa::tag::MPA30011)
       .format("[%s] unrecognized host type:[%s]\n", kFunction, kernel);
   return -1;
 }
@@ -148,7 +149,7 @@ int HostInfo::RefreshHostId() {
   // counts.
   if (ret == -1 || output.empty() || output.find(kNotRegistered) != std::string::npos) {
     DORN_LOG(zel::kLogError)
-        .addTag("errorCode:MPA30002")
+        .addTag(ZelMpa::tag::MPA30002)
         .format("Failed to get the ID for host, waiting for host registration to complete.");
     return 0;
   }
@@ -163,7 +164,7 @@ int HostInfo::RefreshHostId() {
   // The text is kept on purpose: the script is not asked again for the life
   // of the process.
   DORN_LOG(zel::kLogError)
-      .addTag("errorCode:MPA30001")
+      .addTag(ZelMpa::tag::MPA30001)
       .format("Invalid Host ID found. ZEL-CLI provided %s is not valid UUID.", hostId_.c_str());
   return 0;
 }

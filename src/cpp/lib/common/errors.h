@@ -4,7 +4,8 @@
 //
 // Error tags. Every error line carries one tag "errorCode:<family><number>";
 // the families are MPA (agent and management client), CMNLIB (common
-// runtime), RPC, NET, MXLIB (metrics) and CRYPTO. A number ending in 9999
+// runtime), RPC, NET, MXLIB (metrics) and CRYPTO, each with its own header
+// of tags (cpp/lib/common/error_tags.h lists them). A number ending in 9999
 // marks an exception caught in a destructor or another place that may not
 // throw. Such a place logs with ZEL_LOG_CAUGHT_EXCEPTION:
 //
@@ -12,7 +13,7 @@
 //     try {
 //       Shutdown_();
 //     } catch (...) {
-//       ZEL_LOG_CAUGHT_EXCEPTION(ZEL_RPC_LOG, zel::kTagRpc9999, "RpcConnection::~RpcConnection");
+//       ZEL_LOG_CAUGHT_EXCEPTION(ZEL_RPC_LOG, rpc::kTagRpc9999, "RpcConnection::~RpcConnection");
 //     }
 //   }
 //
@@ -26,17 +27,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "cpp/lib/common/error_tags.h"
 #include "cpp/lib/common/logger.h"
 
 namespace zel {
-
-// Tags of exceptions caught where nothing may throw, one per family that has
-// such places.
-inline constexpr char kTagCmnLib9999[] = "errorCode:CMNLIB9999";
-inline constexpr char kTagRpc9999[] = "errorCode:RPC9999";
-inline constexpr char kTagMxLib9999[] = "errorCode:MXLIB9999";
-// Tag of NOT_REACHED (not_reached.h).
-inline constexpr char kTagNotReached[] = "errorCode:CMNLIB900";
 
 // The strerror() text of `error`, safe to call from several threads at once.
 // An unknown number gives "Unknown error <n>".

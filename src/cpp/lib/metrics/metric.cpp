@@ -5,6 +5,7 @@
 #include <string>
 
 #include "cpp/lib/common/logger.h"
+#include "cpp/lib/metrics/error_tags.h"
 
 namespace zel {
 namespace metrics {
@@ -14,7 +15,7 @@ void ThrowWrongValueType(uint64_t have, uint64_t want) {
   char text[96];
   std::snprintf(text, sizeof(text), "Metric: wrong value type (%" PRIu64 " != %" PRIu64 ")", have,
                 want);
-  ZEL_METRICS_LOG(kLogError).addTag("errorCode:MXLIB200").format("%s", text);
+  ZEL_METRICS_LOG(kLogError).addTag(kTagMxLib200).format("%s", text);
   throw std::runtime_error(text);
 }
 

@@ -4,6 +4,7 @@
 
 #include "cpp/lib/common/errors.h"
 #include "cpp/lib/common/logger.h"
+#include "cpp/lib/metrics/error_tags.h"
 #include "cpp/lib/metrics/serializer.h"
 
 namespace zel {

@@ -10,6 +10,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "cpp/lib/common/asio_dispatcher.h"
+#include "cpp/lib/common/error_tags.h"
 #include "cpp/lib/common/logger.h"
 #include "cpp/lib/metrics/metric_registry.h"
 #include "cpp/lib/timer/impl/asio_timer_factory.h"
@@ -53,7 +54,7 @@ void AsioZelProvider::Run(std::size_t numThreads, bool blocking) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     if (running_) {
       ZEL_RPC_LOG(kLogError)
-          .addTag("errorCode:CMNLIB100")
+          .addTag(kTagCmnLib100)
           .format("AsioZelProvider: can't run - already running");
       return;
     }

@@ -19,9 +19,9 @@ namespace impl {
 
 namespace {
 
-constexpr char kTagSchedule[] = "errorCode:CMNLIB700";
-constexpr char kTagCancel[] = "errorCode:CMNLIB701";
-constexpr char kTagHandler[] = "errorCode:CMNLIB702";
+constexpr const char* kTagSchedule = kTagCmnLib700;
+constexpr const char* kTagCancel = kTagCmnLib701;
+constexpr const char* kTagHandler = kTagCmnLib702;
 
 // A skip count this large means the cycle arithmetic is broken.
 constexpr uint64_t kSkipLimit = 0xFFFFFFFF;
