@@ -1,15 +1,13 @@
 #include "cpp/lib/common/asio_dispatcher.h"
 
 #include <atomic>
-#include <chrono>
+#include <functional>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/condition_variable.hpp>
@@ -17,64 +15,67 @@
 #include <boost/thread/thread.hpp>
 #include <gtest/gtest.h>
 
-#include "cpp/lib/common/dispatcher_test_util.h"
+#include "support/wait.h"
 
 namespace zel {
 namespace {
 
-using dispatch_test::BackgroundCall;
-using dispatch_test::Counter;
-using dispatch_test::Drain;
-using dispatch_test::Event;
-using dispatch_test::WaitUntil;
+using zel::testing::BackgroundCall;
+using zel::testing::Counter;
+using zel::testing::Event;
+using zel::testing::WaitUntil;
 
-// Posts a handler that holds the dispatcher thread until `release` is set,
-// and waits until it has started.
-void BlockDispatcher(AsioDispatcher& dispatcher, const std::shared_ptr<Event>& release) {
+// Holds the one thread of `dispatcher` in a handler, queues `queued` counting
+// handlers behind it and calls `stop(release)`, which must set `release` to
+// let the thread go. Returns how many of the queued handlers ran.
+int QueuedThatRan(AsioDispatcher& dispatcher, int queued,
+                  const std::function<void(Event& release)>& stop) {
+  auto release = std::make_shared<Event>();
   auto entered = std::make_shared<Event>();
   dispatcher.Post([entered, release] {
     entered->Set();
     release->WaitFor();
   });
-  ASSERT_TRUE(entered->WaitFor());
+  EXPECT_TRUE(entered->WaitFor());
+  auto ran = std::make_shared<Counter>();
+  for (int i = 0; i < queued; ++i) dispatcher.Post([ran] { ran->Increment(); });
+  stop(*release);
+  return ran->Value();
 }
 
-TEST(AsioDispatcherRunTest, OneThreadBlockingServesOnTheCallingThread) {
-  AsioDispatcher dispatcher;
+TEST(AsioDispatcherRunTest, BlockingRunsServeOnTheCallerOrOnJoinedThreads) {
+  AsioDispatcher single;
   std::thread::id ranOn;
   size_t threadsWhileRunning = 99;
-  dispatcher.Post([&] {
+  single.Post([&] {
     ranOn = std::this_thread::get_id();
-    threadsWhileRunning = dispatcher.NumThreads();
-    dispatcher.Stop(false);
+    threadsWhileRunning = single.NumThreads();
+    single.Stop(false);
   });
-  // Run() through the interface is the same one-thread blocking run.
-  Dispatcher& base = dispatcher;
+  // Run() through the interface is the one-thread blocking run.
+  Dispatcher& base = single;
   BackgroundCall call([&] { base.Run(); });
   ASSERT_TRUE(call.WaitFor());
   EXPECT_EQ(ranOn, call.id());
   EXPECT_EQ(threadsWhileRunning, 0u);
-}
 
-TEST(AsioDispatcherRunTest, SeveralThreadsBlockingRunConcurrentlyAndJoin) {
-  AsioDispatcher dispatcher;
   // Each handler waits for the other: only two threads at once get both done.
-  Event first;
-  Event second;
+  AsioDispatcher pooled;
+  Event first, second;
   std::atomic<bool> sawEachOther{true};
-  dispatcher.Post([&] {
+  pooled.Post([&] {
     first.Set();
     if (!second.WaitFor()) sawEachOther = false;
   });
-  dispatcher.Post([&] {
+  pooled.Post([&] {
     second.Set();
     if (!first.WaitFor()) sawEachOther = false;
-    dispatcher.Stop(false);
+    pooled.Stop(false);
   });
-  BackgroundCall call([&] { dispatcher.Run(2, true); });
-  ASSERT_TRUE(call.WaitFor());
+  BackgroundCall pooledRun([&] { pooled.Run(2, true); });
+  ASSERT_TRUE(pooledRun.WaitFor());
   EXPECT_TRUE(sawEachOther);
-  EXPECT_EQ(dispatcher.NumThreads(), 0u);  // joined before Run returned
+  EXPECT_EQ(pooled.NumThreads(), 0u);  // joined before Run returned
 }
 
 TEST(AsioDispatcherRunTest, NonBlockingRunStartsItsThreadsAndRunsAgainAfterStopAndWait) {
@@ -107,14 +108,14 @@ TEST(AsioDispatcherStopTest, QueuedHandlersRunWithoutForceAndAreDroppedWithIt) {
   for (bool force : {false, true}) {
     AsioDispatcher dispatcher;
     dispatcher.Run(1, false);
-    auto release = std::make_shared<Event>();
-    BlockDispatcher(dispatcher, release);
-    Counter ran;
-    for (int i = 0; i < 10; ++i) dispatcher.Post([&] { ran.Increment(); });
-    dispatcher.Stop(force);
-    release->Set();
-    dispatcher.StopAndWait(force);
-    EXPECT_EQ(ran.Value(), force ? 0 : 10) << "force " << force;
+    EXPECT_EQ(QueuedThatRan(dispatcher, 10,
+                            [&](Event& release) {
+                              dispatcher.Stop(force);
+                              release.Set();
+                              dispatcher.StopAndWait(force);
+                            }),
+              force ? 0 : 10)
+        << "force " << force;
   }
 }
 
@@ -236,18 +237,15 @@ TEST(AsioDispatcherDestructorTest, ForcesOnlyAnIoContextItOwns) {
     if (owned) io = dispatcher->GetIoContextHandle();
     EXPECT_EQ(dispatcher->OwnsIoContext(), owned);
     dispatcher->Run(1, false);
-    auto release = std::make_shared<Event>();
-    BlockDispatcher(*dispatcher, release);
-    Counter ran;
-    for (int i = 0; i < 5; ++i) dispatcher->Post([&] { ran.Increment(); });
-
-    BackgroundCall destroy([&] { dispatcher.reset(); });
-    if (owned) {
-      ASSERT_TRUE(WaitUntil([&] { return io->stopped(); }));
-    }
-    release->Set();
-    ASSERT_TRUE(destroy.WaitFor()) << "owned " << owned;
-    EXPECT_EQ(ran.Value(), owned ? 0 : 5) << "owned " << owned;
+    EXPECT_EQ(QueuedThatRan(*dispatcher, 5,
+                            [&](Event& release) {
+                              BackgroundCall destroy([&] { dispatcher.reset(); });
+                              if (owned) EXPECT_TRUE(WaitUntil([&] { return io->stopped(); }));
+                              release.Set();
+                              EXPECT_TRUE(destroy.WaitFor());
+                            }),
+              owned ? 0 : 5)
+        << "owned " << owned;
   }
 }
 

@@ -5,17 +5,20 @@
 #include <stdexcept>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "cpp/lib/common/logger.h"
-#include "cpp/lib/common/logger_test_util.h"
 #include "cpp/lib/common/logger_testing.h"
 #include "cpp/lib/common/not_reached.h"
+#include "support/log_capture.h"
 
 namespace zel {
 namespace {
 
-using log_test::SyslogCapture;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
 
 TEST(ErrnoTest, ExceptionAndTextCarryStrerror) {
   const errno_exception e(ENOENT, "open");
@@ -35,35 +38,18 @@ void SwallowInDestructorStyle(const Thrown& thrown) noexcept {
   }
 }
 
-// Log records go to a capture instead of syslog for the test's duration.
-class CapturedLogTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    log_testing::SetSyslogSinkForTest(&SyslogCapture::Sink);
-    log_testing::SetUpLoggerForTest(nullptr, "DEVLOG", "/nonexistent/zel_issue");
-    SyslogCapture::Take();
-  }
-  void TearDown() override { log_testing::SetSyslogSinkForTest(nullptr); }
-};
-
-using CaughtExceptionTest = CapturedLogTest;
-using NotReachedDeathTest = CapturedLogTest;
-
-TEST_F(CaughtExceptionTest, LoggedWithWhatWhenThereIsOne) {
+TEST(CaughtExceptionTest, LoggedWithWhatWhenThereIsOne) {
+  zel::testing::LogCapture log;
   SwallowInDestructorStyle(std::logic_error("bad state"));
   SwallowInDestructorStyle(42);
-  const auto lines = SyslogCapture::Take();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_NE(lines[0].second.find(
-                "level=\"ERROR\" errorCode=\"RPC9999\"] Exception in Holder::~Holder: bad state"),
-            std::string::npos)
-      << lines[0].second;
-  const std::string suffix = "errorCode=\"RPC9999\"] Exception in Holder::~Holder";
-  ASSERT_GE(lines[1].second.size(), suffix.size());
-  EXPECT_EQ(lines[1].second.substr(lines[1].second.size() - suffix.size()), suffix);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(HasSubstr("level=\"ERROR\" errorCode=\"RPC9999\"] Exception in "
+                                    "Holder::~Holder: bad state"),
+                          EndsWith("errorCode=\"RPC9999\"] Exception in Holder::~Holder")));
 }
 
-TEST_F(NotReachedDeathTest, LogsCritAndWritesFileAndLineToStderrBeforeAborting) {
+TEST(NotReachedDeathTest, LogsCritAndWritesFileAndLineToStderrBeforeAborting) {
+  zel::testing::LogCapture log;
   const int line = __LINE__ + 1;
   auto unreachable = [] { NOT_REACHED(); };
   // Written to standard error directly, whatever the log settings.

@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <map>
@@ -32,20 +31,14 @@
 
 #include "cpp/lib/common/logger_test_util.h"
 #include "cpp/lib/common/logger_testing.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
 
 extern char** environ;
 
 namespace zel {
 namespace {
-
-using log_test::SyslogCapture;
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 std::string Now() {
   std::timespec now{};
@@ -55,47 +48,34 @@ std::string Now() {
   return log_testing::FormatTimestampForTest(now, t);
 }
 
-// One rsyslogd child and its temporary directory; stopped and removed by the
-// destructor.
+// One rsyslogd child in a temporary directory; stopped by the destructor.
 class PrivateRsyslogd {
  public:
-  PrivateRsyslogd() {
-    char tmpl[] = "/tmp/zel-rsyslog-XXXXXX";
-    if (mkdtemp(tmpl) != nullptr) dir_ = tmpl;
-  }
-  ~PrivateRsyslogd() {
-    Stop();
-    for (const char* name : {"rsyslog.conf", "rsyslogd.pid", "out.log", "stderr", "zel_issue"}) {
-      std::remove((dir_ + "/" + name).c_str());
-    }
-    if (!dir_.empty()) rmdir(dir_.c_str());
-  }
-  PrivateRsyslogd(const PrivateRsyslogd&) = delete;
-  PrivateRsyslogd& operator=(const PrivateRsyslogd&) = delete;
+  ~PrivateRsyslogd() { Stop(); }
 
-  const std::string& dir() const { return dir_; }
-  std::string output() const { return ReadFile(dir_ + "/out.log"); }
-  std::string diagnostics() const { return ReadFile(dir_ + "/stderr"); }
+  const std::string& dir() const { return dir_.path(); }
+  std::string output() const { return dir_.ReadFile(dir() + "/out.log"); }
+  std::string diagnostics() const { return dir_.ReadFile(dir() + "/stderr"); }
 
   // Writes the configuration and starts `binary` in the foreground.
   bool Start(const char* binary, int port) {
-    const std::string conf = dir_ + "/rsyslog.conf";
-    std::ofstream(conf)
-        << "global(workDirectory=\"" << dir_
-        << "\" processInternalMessages=\"on\" net.enableDNS=\"off\")\n"
-        << "module(load=\"imudp\")\n"
-        << "input(type=\"imudp\" address=\"127.0.0.1\" port=\"" << port << "\")\n"
-        << "template(name=\"zelTest\" type=\"string\" string=\""
-        << "PRI=%pri%|TS=%timereported:::date-rfc3339%|HOST=%hostname%|APP=%app-name%|"
-        << "PROCID=%procid%|MSGID=%msgid%|SD=%structured-data%|MSG=%msg%\\n\")\n"
-        << "action(type=\"omfile\" file=\"" << dir_ << "/out.log\" template=\"zelTest\")\n";
+    const std::string conf = dir_.WriteFile(
+        "rsyslog.conf",
+        "global(workDirectory=\"" + dir() +
+            "\" processInternalMessages=\"on\" net.enableDNS=\"off\")\n"
+            "module(load=\"imudp\")\n"
+            "input(type=\"imudp\" address=\"127.0.0.1\" port=\"" + std::to_string(port) + "\")\n"
+            "template(name=\"zelTest\" type=\"string\" string=\""
+            "PRI=%pri%|TS=%timereported:::date-rfc3339%|HOST=%hostname%|APP=%app-name%|"
+            "PROCID=%procid%|MSGID=%msgid%|SD=%structured-data%|MSG=%msg%\\n\")\n"
+            "action(type=\"omfile\" file=\"" + dir() + "/out.log\" template=\"zelTest\")\n");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, (dir_ + "/stderr").c_str(),
+    posix_spawn_file_actions_addopen(&actions, 1, (dir() + "/stderr").c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    std::vector<std::string> args = {binary, "-n", "-f", conf, "-i", dir_ + "/rsyslogd.pid"};
+    std::vector<std::string> args = {binary, "-n", "-f", conf, "-i", dir() + "/rsyslogd.pid"};
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
@@ -124,7 +104,7 @@ class PrivateRsyslogd {
   }
 
  private:
-  std::string dir_;
+  zel::testing::TempDir dir_;
   pid_t pid_ = -1;
 };
 
@@ -160,18 +140,11 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
   }
   ASSERT_GT(port, 0);
 
+  zel::testing::LogCapture log;  // the set-up lines stay out of the machine's log
   PrivateRsyslogd server;
-  ASSERT_FALSE(server.dir().empty());
-  log_testing::SetSyslogSinkForTest(&SyslogCapture::Sink);
   const std::string issue = server.dir() + "/zel_issue";
   std::ofstream(issue) << "# test node\nnode-type: zel-ulm\n";
   log_testing::SetUpLoggerForTest("TRIVIA", std::to_string(port).c_str(), issue.c_str());
-  struct RestoreLogger {
-    ~RestoreLogger() {
-      log_testing::SetUpLoggerForTest(nullptr, "DEVLOG", "/nonexistent/zel_issue");
-      SyslogCapture::Take();
-    }
-  } restore;
   ASSERT_TRUE(log_testing::GetLoggerStateForTest().udpMode);
   ASSERT_TRUE(server.Start(rsyslogd, port));
 
@@ -186,7 +159,7 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
   // each change of its directory. With `probe`, sends a probe record on each
   // round, because datagrams sent before the input is open are lost.
   auto waitFor = [&](const std::vector<std::string>& messages, bool probe) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto deadline = std::chrono::steady_clock::now() + zel::testing::kDeadline;
     auto allThere = [&] {
       auto records = ParseOutput(server.output());
       for (const std::string& m : messages) {
@@ -216,6 +189,7 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
   ASSERT_TRUE(waitFor({"Error occurred while loading properties file x", "library line"}, false))
       << "output so far:\n" << server.output() << "\nrsyslogd said:\n" << server.diagnostics();
   server.Stop();
+  log_testing::SetUpLoggerForTest(nullptr, "DEVLOG", "/nonexistent/zel_issue");
 
   auto records = ParseOutput(server.output());
   char host[256] = {};

@@ -1,5 +1,5 @@
-// Helpers shared by the logger tests: a UDP receiver on 127.0.0.1 and a
-// capture of what the logger would send to syslog(3).
+// A UDP receiver on 127.0.0.1 for the logger tests, standing in for the
+// syslog server of UDP mode.
 #ifndef ZEL_TESTS_COMMON_LOGGER_TEST_UTIL_H_
 #define ZEL_TESTS_COMMON_LOGGER_TEST_UTIL_H_
 
@@ -9,10 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <mutex>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace zel {
 namespace log_test {
@@ -49,28 +46,6 @@ class UdpReceiver {
  private:
   int fd_;
   int port_ = 0;
-};
-
-// What the logger handed to syslog(3), in order.
-struct SyslogCapture {
-  static std::mutex& Mutex() {
-    static std::mutex m;
-    return m;
-  }
-  static std::vector<std::pair<int, std::string>>& Lines() {
-    static std::vector<std::pair<int, std::string>> lines;
-    return lines;
-  }
-  static void Sink(int priority, const char* line) {
-    std::lock_guard<std::mutex> lock(Mutex());
-    Lines().emplace_back(priority, line);
-  }
-  static std::vector<std::pair<int, std::string>> Take() {
-    std::vector<std::pair<int, std::string>> out;
-    std::lock_guard<std::mutex> lock(Mutex());
-    out.swap(Lines());
-    return out;
-  }
 };
 
 }  // namespace log_test
