@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -75,8 +76,8 @@ class SocketTest : public ::testing::Test {
   }
 
   // Connects `s` to the listener and accepts the connection.
-  void ConnectAndAccept(Socket& s, bool blocking = true, bool noDelay = false) {
-    s.Connect("127.0.0.1", port_.c_str(), blocking, noDelay);
+  void ConnectAndAccept(Socket& s) {
+    s.Connect("127.0.0.1", port_.c_str());
     ASSERT_TRUE(WaitFor(listenFd_, POLLIN));
     peerFd_ = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
     ASSERT_GE(peerFd_, 0);
@@ -109,29 +110,15 @@ TEST_F(SocketTest, ConnectFailuresNameTheirCause) {
             refused.what());
 }
 
-TEST_F(SocketTest, ConnectSetsCloexecAndTheRequestedOptions) {
+TEST_F(SocketTest, ConnectSetsTheRequestedOptionsAndCarriesBytesBothWays) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  Socket blocking(fd);
-  ConnectAndAccept(blocking);
-  EXPECT_EQ(fd, blocking.GetDescriptor());  // the given descriptor is used
+  Socket s(fd);
+  ConnectAndAccept(s);
+  EXPECT_EQ(fd, s.GetDescriptor());  // the given descriptor is used
   EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
   EXPECT_FALSE(fcntl(fd, F_GETFL) & O_NONBLOCK);
   EXPECT_EQ(0, IntOption(fd, IPPROTO_TCP, TCP_NODELAY));
 
-  // Non-blocking, it returns while the connection is in progress; once
-  // writable the connection is up and no error is pending.
-  Socket s;
-  s.Connect("127.0.0.1", port_.c_str(), false, true);
-  ASSERT_GE(s.GetDescriptor(), 0);
-  EXPECT_TRUE(fcntl(s.GetDescriptor(), F_GETFL) & O_NONBLOCK);
-  EXPECT_NE(0, IntOption(s.GetDescriptor(), IPPROTO_TCP, TCP_NODELAY));
-  ASSERT_TRUE(WaitFor(s.GetDescriptor(), POLLOUT));
-  EXPECT_EQ(0, s.GetError());
-}
-
-TEST_F(SocketTest, SendAndRecvCarryBytesBothWays) {
-  Socket s;
-  ConnectAndAccept(s);
   const char out[] = "hello mpa";
   EXPECT_EQ(sizeof out, s.Send(out, sizeof out));
   char in[sizeof out] = {};
@@ -143,6 +130,16 @@ TEST_F(SocketTest, SendAndRecvCarryBytesBothWays) {
   EXPECT_EQ(0, std::memcmp("abc", back, 3));
   // A zero-length send makes no system call (which would fail on -1).
   EXPECT_EQ(0u, Socket().Send("x", 0));
+
+  // Non-blocking, it returns while the connection is in progress; once
+  // writable the connection is up and no error is pending.
+  Socket nb;
+  nb.Connect("127.0.0.1", port_.c_str(), false, true);
+  ASSERT_GE(nb.GetDescriptor(), 0);
+  EXPECT_TRUE(fcntl(nb.GetDescriptor(), F_GETFL) & O_NONBLOCK);
+  EXPECT_NE(0, IntOption(nb.GetDescriptor(), IPPROTO_TCP, TCP_NODELAY));
+  ASSERT_TRUE(WaitFor(nb.GetDescriptor(), POLLOUT));
+  EXPECT_EQ(0, nb.GetError());
 }
 
 TEST_F(SocketTest, NonBlockingSendAndRecvStopAtEagainWithoutException) {
@@ -166,21 +163,6 @@ TEST_F(SocketTest, NonBlockingSendAndRecvStopAtEagainWithoutException) {
   EXPECT_EQ(EAGAIN, errno);
 }
 
-TEST_F(SocketTest, RecvOnClosedPeerRaisesShutdownEvenAfterData) {
-  Socket s;
-  ConnectAndAccept(s);
-  ASSERT_EQ(4, ::send(peerFd_, "data", 4, 0));
-  ::close(peerFd_);
-  peerFd_ = -1;
-  char buf[64];
-  try {
-    s.Recv(buf, sizeof buf);
-    FAIL() << "no SocketShutdown";
-  } catch (const SocketShutdown& e) {
-    EXPECT_STREQ("SocketShutdown", e.what());
-  }
-}
-
 TEST_F(SocketTest, SendAndRecvErrorsNameTheirOperation) {
   // A TCP socket that was never connected fails both ways.
   Socket s(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -194,11 +176,29 @@ TEST_F(SocketTest, SendAndRecvErrorsNameTheirOperation) {
   EXPECT_EQ(ENOTCONN, recv.Errno());
   // Both are MpaExceptions, as the library catches them.
   EXPECT_THROW(s.Recv(&c, 1), MpaException);
+
+  // A peer that closed raises SocketShutdown, even after data.
+  Socket connected;
+  ConnectAndAccept(connected);
+  ASSERT_EQ(4, ::send(peerFd_, "data", 4, 0));
+  ::close(peerFd_);
+  peerFd_ = -1;
+  char buf[64];
+  try {
+    connected.Recv(buf, sizeof buf);
+    FAIL() << "no SocketShutdown";
+  } catch (const SocketShutdown& e) {
+    EXPECT_STREQ("SocketShutdown", e.what());
+  }
 }
 
-TEST_F(SocketTest, CloseAndShutdown) {
+TEST_F(SocketTest, OptionsCloseAndShutdown) {
   Socket s;
   ConnectAndAccept(s);
+  EXPECT_NO_THROW(s.SetLinger(true, 1));
+  EXPECT_NO_THROW(s.SetKeepAlive());
+  EXPECT_NO_THROW(s.SetRecvBuffer(8192));
+  EXPECT_NE(0, IntOption(s.GetDescriptor(), SOL_SOCKET, SO_KEEPALIVE));
   s.Shutdown();
   char c;
   EXPECT_EQ(0, ::recv(peerFd_, &c, 1, 0));  // the peer's stream ended
@@ -206,6 +206,7 @@ TEST_F(SocketTest, CloseAndShutdown) {
   EXPECT_EQ(-1, s.GetDescriptor());
   EXPECT_NO_THROW(s.Close());
   EXPECT_NO_THROW(s.Shutdown());
+  EXPECT_STREQ("setsockopt (SO_LINGER)", ErrorOf([&] { s.SetLinger(true, 1); }).Operation());
 
   // A descriptor number far above anything open fails with EBADF.
   Socket bogus(1 << 20);
@@ -214,17 +215,6 @@ TEST_F(SocketTest, CloseAndShutdown) {
   EXPECT_EQ(EBADF, bad.Errno());
   EXPECT_EQ(-1, bad.Descriptor());
   EXPECT_EQ(-1, bogus.GetDescriptor());
-}
-
-TEST_F(SocketTest, OptionSettersNameTheOptionOnFailure) {
-  Socket s;
-  ConnectAndAccept(s);
-  EXPECT_NO_THROW(s.SetLinger(true, 1));
-  EXPECT_NO_THROW(s.SetKeepAlive());
-  EXPECT_NO_THROW(s.SetRecvBuffer(8192));
-  EXPECT_NE(0, IntOption(s.GetDescriptor(), SOL_SOCKET, SO_KEEPALIVE));
-  Socket closed;
-  EXPECT_STREQ("setsockopt (SO_LINGER)", ErrorOf([&] { closed.SetLinger(true, 1); }).Operation());
 }
 
 // Setters on a closed socket are fatal, even with error records switched off.
@@ -238,17 +228,11 @@ TEST_F(SocketTest, SettersOnInvalidDescriptorAbort) {
       },
       ::testing::KilledBySignal(SIGABRT),
       "errorCode=\"MPA122\".*ASSERT: .*SocketObject.cpp:[0-9]+: Descriptor is invalid");
-  EXPECT_EXIT(
-      {
-        zel::g_logLevel = 0;
-        s.SetNonBlocking();
-      },
-      ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(s.SetBlocking(), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(s.SetNoDelay(), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(s.SetSendBuffer(1), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(s.SetRecvBuffer(1), ::testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(s.SetKeepAlive(), ::testing::KilledBySignal(SIGABRT), "");
+  zel::g_logLevel = 0;
+  const std::function<void()> setters[] = {
+      [&] { s.SetNonBlocking(); }, [&] { s.SetBlocking(); },       [&] { s.SetNoDelay(); },
+      [&] { s.SetSendBuffer(1); }, [&] { s.SetRecvBuffer(1); }, [&] { s.SetKeepAlive(); }};
+  for (const auto& setter : setters) EXPECT_EXIT(setter(), ::testing::KilledBySignal(SIGABRT), "");
 }
 
 }  // namespace
