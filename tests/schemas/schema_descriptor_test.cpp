@@ -22,43 +22,38 @@
 namespace {
 
 namespace pb = google::protobuf;
+namespace zel = orvane::zel;
 namespace dorn = orvane::zel::dorn;
 namespace messaging = orvane::zel::messaging;
 namespace rpc = orvane::zel::rpc;
 
-TEST(SchemaDefaults, AbsentFieldsReadAsDefaults) {
+TEST(SchemaDefaults, AbsentFieldsAndUnknownEnumValues) {
   dorn::DornMessage msg;
   ASSERT_TRUE(msg.ParseFromString(""));
   EXPECT_FALSE(msg.has_return_same_correlationid());
   EXPECT_FALSE(msg.return_same_correlationid());
   EXPECT_EQ(msg.message_type(), dorn::MT_INIT);
-
   dorn::DornFabricObject object;
   ASSERT_TRUE(object.ParseFromString(std::string("\x0a\x01x", 3)));  // identifier only
   EXPECT_FALSE(object.has_filecopy());
   EXPECT_FALSE(object.filecopy().make_executable());
   EXPECT_EQ(object.software().state(), dorn::INSTALLED);
-
   rpc::RpcStatusMsg status;
   ASSERT_TRUE(status.ParseFromString(""));
   EXPECT_EQ(status.code(), rpc::RpcStatusMsg::UNKNOWN);  // declared first, hence the default
   status.set_code(rpc::RpcStatusMsg::SUCCESS);
   EXPECT_EQ(status.SerializeAsString(), std::string("\x08\x00", 2));  // success is explicit
   EXPECT_EQ(messaging::ErrorMsg().code(), messaging::ErrorMsg::INCORRECT_PROTOBUF_TYPE);
-  EXPECT_EQ(orvane::zel::RpcStatusMsg().error_code(), orvane::zel::RpcStatusMsg::SUCCESS);
-}
+  EXPECT_EQ(zel::RpcStatusMsg().error_code(), zel::RpcStatusMsg::SUCCESS);
 
-TEST(SchemaDefaults, UnknownEnumValueStaysUnsetAndSurvivesReserialisation) {
-  dorn::DornMessage msg;
+  // An unknown enum value stays unset, and is kept aside as unknown so a relay
+  // loses nothing; it is written after the known fields.
   ASSERT_TRUE(msg.ParseFromString(std::string("\x08\x63\x12\x02op", 6)));  // type 99, id "op"
   EXPECT_FALSE(msg.has_message_type());
   EXPECT_EQ(msg.message_type(), dorn::MT_INIT);
   EXPECT_EQ(msg.operation_id(), "op");
-  // Kept aside as unknown, so a relay loses nothing; written after the known fields.
   EXPECT_EQ(msg.SerializeAsString(), std::string("\x12\x02op\x08\x63", 6));
-
   // A status code from a newer peer is not one of ours: unset, hence UNKNOWN.
-  rpc::RpcStatusMsg status;
   ASSERT_TRUE(status.ParseFromString(std::string("\x08\x10", 2)));
   EXPECT_FALSE(status.has_code());
   EXPECT_EQ(status.code(), rpc::RpcStatusMsg::UNKNOWN);
@@ -104,11 +99,9 @@ void CollectFields(const pb::Descriptor* message, std::vector<const pb::FieldDes
 
 TEST(SchemaOptions, DisplayOptionsSitOnMatchingTypesAndNothingIsRedacted) {
   std::vector<const pb::FileDescriptor*> pending = {
-      dorn::DornMessage::descriptor()->file(),
-      messaging::DiscoveryResponseMsg::descriptor()->file(),
+      dorn::DornMessage::descriptor()->file(), messaging::DiscoveryResponseMsg::descriptor()->file(),
       messaging::ApplProxyInfoRspMsg::descriptor()->file(),
-      orvane::zel::metrics::MetricsReportMsg::descriptor()->file(),
-      rpc::FrameMsg::descriptor()->file()};
+      zel::metrics::MetricsReportMsg::descriptor()->file(), rpc::FrameMsg::descriptor()->file()};
   std::set<std::string> seen;
   int marked = 0;
   while (!pending.empty()) {
@@ -121,11 +114,11 @@ TEST(SchemaOptions, DisplayOptionsSitOnMatchingTypesAndNothingIsRedacted) {
     for (int i = 0; i < file->message_type_count(); ++i) CollectFields(file->message_type(i), &fields);
     for (const pb::FieldDescriptor* field : fields) {
       const pb::FieldOptions& options = field->options();
-      EXPECT_FALSE(options.HasExtension(orvane::zel::redact)) << field->full_name();
+      EXPECT_FALSE(options.HasExtension(zel::redact)) << field->full_name();
       const std::pair<bool, pb::FieldDescriptor::Type> marks[] = {
-          {options.HasExtension(orvane::zel::uint32_as), pb::FieldDescriptor::TYPE_UINT32},
-          {options.HasExtension(orvane::zel::uint64_as), pb::FieldDescriptor::TYPE_UINT64},
-          {options.HasExtension(orvane::zel::bytes_as), pb::FieldDescriptor::TYPE_BYTES}};
+          {options.HasExtension(zel::uint32_as), pb::FieldDescriptor::TYPE_UINT32},
+          {options.HasExtension(zel::uint64_as), pb::FieldDescriptor::TYPE_UINT64},
+          {options.HasExtension(zel::bytes_as), pb::FieldDescriptor::TYPE_BYTES}};
       for (const auto& [has, type] : marks) {
         if (!has) continue;
         EXPECT_EQ(field->type(), type) << field->full_name();
@@ -136,51 +129,53 @@ TEST(SchemaOptions, DisplayOptionsSitOnMatchingTypesAndNothingIsRedacted) {
   EXPECT_EQ(seen.size(), 11u);
   EXPECT_EQ(marked, 11);  // ipv4 and ipv6 in five address messages, plus the MAC address
 
-  using orvane::zel::IpAddressMsg;
-  EXPECT_EQ(IpAddressMsg::descriptor()->FindFieldByName("ipv4")->options().GetExtension(
-                orvane::zel::uint32_as),
-            orvane::zel::UINT32_IPV4);
-  EXPECT_EQ(orvane::zel::VipSubnetAddressMsg::descriptor()
-                ->FindFieldByName("active_ipv6")->options().GetExtension(orvane::zel::bytes_as),
-            orvane::zel::BYTES_IPV6);
-  EXPECT_EQ(orvane::zel::MacAddressMsg::descriptor()->FindFieldByName("mac")->options().GetExtension(
-                orvane::zel::uint64_as),
-            orvane::zel::UINT64_MAC_ADDRESS);
+  auto options = [](const pb::Descriptor* message, const char* field) -> const pb::FieldOptions& {
+    return message->FindFieldByName(field)->options();
+  };
+  EXPECT_EQ(options(zel::IpAddressMsg::descriptor(), "ipv4").GetExtension(zel::uint32_as),
+            zel::UINT32_IPV4);
+  EXPECT_EQ(options(zel::VipSubnetAddressMsg::descriptor(), "active_ipv6").GetExtension(zel::bytes_as),
+            zel::BYTES_IPV6);
+  EXPECT_EQ(options(zel::MacAddressMsg::descriptor(), "mac").GetExtension(zel::uint64_as),
+            zel::UINT64_MAC_ADDRESS);
   // An unmarked field reads each option's declared default.
-  const pb::FieldOptions& plain =
-      orvane::zel::IpPrefixMsg::descriptor()->FindFieldByName("prefix_length")->options();
-  EXPECT_EQ(plain.GetExtension(orvane::zel::uint32_as), orvane::zel::UINT32_DEFAULT);
-  EXPECT_EQ(plain.GetExtension(orvane::zel::uint64_as), orvane::zel::UINT64_DEFAULT);
-  EXPECT_EQ(plain.GetExtension(orvane::zel::bytes_as), orvane::zel::BYTES_DEFAULT);
-  EXPECT_EQ(plain.GetExtension(orvane::zel::redact), orvane::zel::REDACT_NONE);
+  const pb::FieldOptions& plain = options(zel::IpPrefixMsg::descriptor(), "prefix_length");
+  EXPECT_EQ(plain.GetExtension(zel::uint32_as), zel::UINT32_DEFAULT);
+  EXPECT_EQ(plain.GetExtension(zel::uint64_as), zel::UINT64_DEFAULT);
+  EXPECT_EQ(plain.GetExtension(zel::bytes_as), zel::BYTES_DEFAULT);
+  EXPECT_EQ(plain.GetExtension(zel::redact), zel::REDACT_NONE);
 }
 
 TEST(SchemaOptions, StreamingOptionsDecideCallKinds) {
   // Link the files in before looking them up by name.
-  (void)orvane::zel::metrics::MetricsReportMsg::descriptor();
+  (void)zel::metrics::MetricsReportMsg::descriptor();
   (void)messaging::ApplProxyInfoRspMsg::descriptor();
   (void)dorn::DornMessage::descriptor();
   (void)messaging::DiscoveryResponseMsg::descriptor();
   const pb::DescriptorPool* pool = pb::DescriptorPool::generated_pool();
-  auto method = [pool](const char* service, const char* name) -> const pb::MethodDescriptor* {
-    const pb::ServiceDescriptor* s = pool->FindServiceByName(service);
-    return s == nullptr ? nullptr : s->FindMethodByName(name);
+  const struct {
+    const char* service;
+    const char* method;
+    bool clientStreaming, serverStreaming;
+    const pb::Descriptor* input;
+    const pb::Descriptor* output;
+  } methods[] = {
+      {"orvane.zel.metrics.MetricsCollector", "Report", true, false, nullptr,
+       zel::VoidMsg::descriptor()},
+      {"orvane.zel.messaging.ApplProxyInfoService", "Subscribe", false, true, nullptr, nullptr},
+      {"orvane.zel.dorn.DornHostService", "MsgHandler", false, false,
+       messaging::GenericUnifiedMsg::descriptor(), zel::VoidMsg::descriptor()},
   };
-
-  const pb::MethodDescriptor* report = method("orvane.zel.metrics.MetricsCollector", "Report");
-  ASSERT_NE(report, nullptr);
-  EXPECT_TRUE(report->options().GetExtension(rpc::client_streaming));
-  EXPECT_FALSE(report->options().GetExtension(rpc::server_streaming));
-  EXPECT_EQ(report->output_type(), orvane::zel::VoidMsg::descriptor());
-  const pb::MethodDescriptor* subscribe = method("orvane.zel.messaging.ApplProxyInfoService", "Subscribe");
-  ASSERT_NE(subscribe, nullptr);
-  EXPECT_FALSE(subscribe->options().GetExtension(rpc::client_streaming));
-  EXPECT_TRUE(subscribe->options().GetExtension(rpc::server_streaming));
-  const pb::MethodDescriptor* handler = method("orvane.zel.dorn.DornHostService", "MsgHandler");
-  ASSERT_NE(handler, nullptr);
-  EXPECT_EQ(handler->input_type(), messaging::GenericUnifiedMsg::descriptor());
-  EXPECT_EQ(handler->output_type(), orvane::zel::VoidMsg::descriptor());
-
+  for (const auto& m : methods) {
+    SCOPED_TRACE(m.method);
+    const pb::ServiceDescriptor* s = pool->FindServiceByName(m.service);
+    const pb::MethodDescriptor* method = s == nullptr ? nullptr : s->FindMethodByName(m.method);
+    ASSERT_NE(method, nullptr);
+    EXPECT_EQ(method->options().GetExtension(rpc::client_streaming), m.clientStreaming);
+    EXPECT_EQ(method->options().GetExtension(rpc::server_streaming), m.serverStreaming);
+    if (m.input != nullptr) EXPECT_EQ(method->input_type(), m.input);
+    if (m.output != nullptr) EXPECT_EQ(method->output_type(), m.output);
+  }
   // Every method of the other services is a simple call.
   for (const char* service :
        {"orvane.zel.dorn.DornHostService", "orvane.zel.dorn.DornMpService",
@@ -196,12 +191,9 @@ TEST(SchemaOptions, StreamingOptionsDecideCallKinds) {
       EXPECT_FALSE(options.GetExtension(rpc::requires_local_context)) << s->method(i)->full_name();
     }
   }
-}
-
-// The type id that travels as "objectType" is the Java name of the message.
-TEST(SchemaOptions, DornMessageTypeIdFollowsJavaNames) {
-  const pb::FileOptions& options = dorn::DornMessage::descriptor()->file()->options();
-  EXPECT_EQ(options.java_package() + "." + options.java_outer_classname() + "." +
+  // The type id that travels as "objectType" is the Java name of the message.
+  const pb::FileOptions& java = dorn::DornMessage::descriptor()->file()->options();
+  EXPECT_EQ(java.java_package() + "." + java.java_outer_classname() + "." +
                 dorn::DornMessage::descriptor()->name(),
             "com.orvane.zel.dorn.DornFabricMessage.DornMessage");
 }

@@ -34,7 +34,7 @@ void SwallowInDestructorStyle(const Thrown& thrown) noexcept {
   try {
     throw thrown;
   } catch (...) {
-    ZEL_LOG_CAUGHT_EXCEPTION(ZEL_RPC_LOG, kTagRpc9999, "Holder::~Holder");
+    ZEL_LOG_CAUGHT_EXCEPTION(ZEL_CORE_LOG, kTagCmnLib9999, "Holder::~Holder");
   }
 }
 
@@ -43,9 +43,9 @@ TEST(CaughtExceptionTest, LoggedWithWhatWhenThereIsOne) {
   SwallowInDestructorStyle(std::logic_error("bad state"));
   SwallowInDestructorStyle(42);
   EXPECT_THAT(log.Lines(),
-              ElementsAre(HasSubstr("level=\"ERROR\" errorCode=\"RPC9999\"] Exception in "
+              ElementsAre(HasSubstr("level=\"ERROR\" errorCode=\"CMNLIB9999\"] Exception in "
                                     "Holder::~Holder: bad state"),
-                          EndsWith("errorCode=\"RPC9999\"] Exception in Holder::~Holder")));
+                          EndsWith("errorCode=\"CMNLIB9999\"] Exception in Holder::~Holder")));
 }
 
 TEST(NotReachedDeathTest, LogsCritAndWritesFileAndLineToStderrBeforeAborting) {

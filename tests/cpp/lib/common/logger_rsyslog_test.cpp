@@ -13,15 +13,12 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <ctime>
 #include <fstream>
-#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -108,20 +105,18 @@ class PrivateRsyslogd {
   pid_t pid_ = -1;
 };
 
-// Parsed output lines, "KEY=value|KEY=value|...", keyed by their MSG.
-std::map<std::string, std::map<std::string, std::string>> ParseOutput(const std::string& text) {
-  static const std::regex line(
-      R"(PRI=(.*)\|TS=(.*)\|HOST=(.*)\|APP=(.*)\|PROCID=(.*)\|MSGID=(.*)\|SD=(.*)\|MSG=(.*))");
-  static const char* const kKeys[] = {"PRI", "TS", "HOST", "APP", "PROCID", "MSGID", "SD"};
-  std::map<std::string, std::map<std::string, std::string>> byMsg;
-  std::istringstream in(text);
-  std::string l;
+// The line rsyslogd wrote for the record with text `msg` ("" if none yet),
+// with the reported time moved out into `*ts`.
+std::string LineFor(const std::string& output, const std::string& msg, std::string* ts = nullptr) {
+  static const std::regex kLine(R"((PRI=.*\|TS=)([^|]*)(\|.*\|MSG=)(.*))");
+  std::istringstream in(output);
   std::smatch m;
-  while (std::getline(in, l)) {
-    if (!std::regex_match(l, m, line)) continue;
-    for (int i = 0; i < 7; ++i) byMsg[m[8]][kKeys[i]] = m[i + 1];
+  for (std::string line; std::getline(in, line);) {
+    if (!std::regex_match(line, m, kLine) || m[4] != msg) continue;
+    if (ts != nullptr) *ts = m[2];
+    return m[1].str() + m[3].str() + m[4].str();
   }
-  return byMsg;
+  return std::string();
 }
 
 TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
@@ -147,36 +142,13 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
   log_testing::SetUpLoggerForTest("TRIVIA", std::to_string(port).c_str(), issue.c_str());
   ASSERT_TRUE(log_testing::GetLoggerStateForTest().udpMode);
   ASSERT_TRUE(server.Start(rsyslogd, port));
-
-  const int watch = inotify_init1(IN_CLOEXEC);
-  ASSERT_GE(watch, 0);
-  struct CloseOnExit {
-    int fd;
-    ~CloseOnExit() { close(fd); }
-  } closeWatch{watch};
-  inotify_add_watch(watch, server.dir().c_str(), IN_MODIFY | IN_CREATE);
-  // Waits until rsyslogd has written a line for each of `messages`, waking on
-  // each change of its directory. With `probe`, sends a probe record on each
-  // round, because datagrams sent before the input is open are lost.
-  auto waitFor = [&](const std::vector<std::string>& messages, bool probe) {
-    const auto deadline = std::chrono::steady_clock::now() + zel::testing::kDeadline;
-    auto allThere = [&] {
-      auto records = ParseOutput(server.output());
-      for (const std::string& m : messages) {
-        if (records.count(m) == 0) return false;
-      }
-      return true;
-    };
-    while (std::chrono::steady_clock::now() < deadline && server.Running()) {
-      if (probe) Logger(kLogInfo).setMsgId("PROBE").format("probe");
-      if (allThere()) return true;
-      pollfd p{watch, POLLIN, 0};
-      char events[4096];
-      if (poll(&p, 1, 100) == 1) (void)!read(watch, events, sizeof events);
-    }
-    return allThere();
-  };
-  ASSERT_TRUE(waitFor({"probe"}, true))
+  // Datagrams sent before its input is open are lost: probe until one is logged.
+  int round = 0;
+  zel::testing::WaitUntil([&] {
+    if (round++ % 100 == 0) Logger(kLogInfo).setMsgId("PROBE").format("probe");
+    return !LineFor(server.output(), "probe").empty() || !server.Running();
+  });
+  ASSERT_FALSE(LineFor(server.output(), "probe").empty())
       << "rsyslogd did not log our probe; it said:\n" << server.diagnostics();
 
   const std::string before = Now();
@@ -186,40 +158,33 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
       .format("Error occurred while loading properties file %s", "x");
   ZEL_RPC_LOG(kLogWarn).setEntId("ch-1").addTag("x:").addTag(":y").format("library line");
   const std::string after = Now();
-  ASSERT_TRUE(waitFor({"Error occurred while loading properties file x", "library line"}, false))
+  const std::string error = "Error occurred while loading properties file x";
+  ASSERT_TRUE(zel::testing::WaitUntil([&] {
+    const std::string out = server.output();
+    return !LineFor(out, error).empty() && !LineFor(out, "library line").empty();
+  }))
       << "output so far:\n" << server.output() << "\nrsyslogd said:\n" << server.diagnostics();
   server.Stop();
   log_testing::SetUpLoggerForTest(nullptr, "DEVLOG", "/nonexistent/zel_issue");
 
-  auto records = ParseOutput(server.output());
   char host[256] = {};
   gethostname(host, sizeof host - 1);
-  const std::string pid = std::to_string(getpid());
-  const std::string tid = std::to_string(gettid());
-
-  auto error = records["Error occurred while loading properties file x"];
-  EXPECT_EQ(error["PRI"], "179");
-  EXPECT_EQ(error["HOST"], host);
-  EXPECT_EQ(error["APP"], "ZEL");
-  EXPECT_EQ(error["PROCID"], pid);
-  EXPECT_EQ(error["MSGID"], "MSG1");
-  EXPECT_EQ(error["SD"], "[zel@4711 comp=\"zel-ulm\" subcomp=\"zeldorn\" tid=\"" + tid +
-                             "\" level=\"ERROR\" errorCode=\"MPA30008\"]");
+  const std::string ids = "|HOST=" + std::string(host) + "|APP=ZEL|PROCID=" +
+                          std::to_string(getpid());
+  const std::string tid = " tid=\"" + std::to_string(gettid()) + "\"";
+  std::string ts;
+  EXPECT_EQ(LineFor(server.output(), error, &ts),
+            "PRI=179|TS=" + ids + "|MSGID=MSG1|SD=[zel@4711 comp=\"zel-ulm\" subcomp=\"zeldorn\"" +
+                tid + " level=\"ERROR\" errorCode=\"MPA30008\"]|MSG=" + error);
   // rsyslogd keeps the reported time as sent; ours is UTC with milliseconds,
   // so the text orders like the time.
-  EXPECT_TRUE(std::regex_match(
-      error["TS"], std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}(Z|\+00:00))")))
-      << error["TS"];
-  EXPECT_LE(before.substr(0, 23), error["TS"].substr(0, 23));
-  EXPECT_GE(after.substr(0, 23), error["TS"].substr(0, 23));
-
-  auto library = records["library line"];
-  EXPECT_EQ(library["PRI"], "180");
-  EXPECT_EQ(library["APP"], "ZEL");
-  EXPECT_EQ(library["PROCID"], pid);
-  EXPECT_EQ(library["MSGID"], "-");
-  EXPECT_EQ(library["SD"], "[zel@4711 comp=\"zel-ulm s2comp=\"zel-rpc\" entId=\"ch-1\" tid=\"" +
-                               tid + "\" level=\"WARN\" x=\"\" tag=\"y\"]");
+  EXPECT_TRUE(std::regex_match(ts, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}(Z|\+00:00))")))
+      << ts;
+  EXPECT_LE(before.substr(0, 23), ts.substr(0, 23));
+  EXPECT_GE(after.substr(0, 23), ts.substr(0, 23));
+  EXPECT_EQ(LineFor(server.output(), "library line"),
+            "PRI=180|TS=" + ids + "|MSGID=-|SD=[zel@4711 comp=\"zel-ulm s2comp=\"zel-rpc\" "
+            "entId=\"ch-1\"" + tid + " level=\"WARN\" x=\"\" tag=\"y\"]|MSG=library line");
 }
 
 }  // namespace

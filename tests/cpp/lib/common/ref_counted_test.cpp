@@ -25,35 +25,30 @@ class Square : public RefCounted<Square, Shape> {
   int* destroyed_;
 };
 
-TEST(RefCountedTest, OnlyTheLastReleaseDestroys) {
+TEST(RefCountedTest, OnlyTheLastReleaseDestroysTheMostDerivedObject) {
   int destroyed = 0;
   Square* raw = new Square(&destroyed);
   EXPECT_EQ(raw->RefCountForLog(), 0);  // born uncounted
-  RefPtr<Square> a(raw);
+  RefPtr<Shape> shape(raw);
   {
-    RefPtr<Square> b = a;
-    RefPtr<const Square> c = a;
-    EXPECT_EQ(a->RefCountForLog(), 3);
+    RefPtr<Square> b(raw);
+    RefPtr<const Square> c = b;
+    EXPECT_EQ(raw->RefCountForLog(), 3);
   }
   EXPECT_EQ(destroyed, 0);
-  EXPECT_EQ(a->RefCountForLog(), 1);
-  a.reset();
-  EXPECT_EQ(destroyed, 1);
-}
-
-TEST(RefCountedTest, LastReleaseThroughInterfaceDestroysMostDerived) {
-  int destroyed = 0;
-  RefPtr<Shape> shape = MakeRefCounted<Square>(&destroyed);
+  EXPECT_EQ(raw->RefCountForLog(), 1);
   EXPECT_EQ(shape->Sides(), 4);
-  shape.reset();
+  shape.reset();  // through the interface
   EXPECT_EQ(destroyed, 1);
 }
 
-TEST(RefCountedTest, CopyOfObjectStartsWithItsOwnCount) {
+TEST(RefCountedTest, CopiesOfTheObjectKeepTheirOwnCount) {
   int destroyed = 0;
   RefPtr<Square> original = MakeRefCounted<Square>(&destroyed);
   RefPtr<Square> other = original;
   RefPtr<Square> copy(new Square(*original));
+  EXPECT_EQ(copy->RefCountForLog(), 1);
+  *copy = *original;
   EXPECT_EQ(copy->RefCountForLog(), 1);
   copy.reset();
   EXPECT_EQ(destroyed, 1);

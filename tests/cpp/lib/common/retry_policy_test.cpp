@@ -31,6 +31,7 @@ TEST(RetryPolicyTest, DelaySequences) {
       {"the marker below unlimited is a limit", RetryPolicy(5, 5, 1.0, 0xFFFFFFFDu), {5, 5}},
       {"fractional growth is truncated", RetryPolicy(100, 1000, 1.5),
        {100, 150, 225, 337, 506, 759, 1000}},
+      {"zero delays and multiplier are allowed", RetryPolicy(0, 0, 0.0), {0, 0}},
   };
   for (auto c : cases) {
     SCOPED_TRACE(c.what);
@@ -41,32 +42,38 @@ TEST(RetryPolicyTest, DelaySequences) {
     RetryPolicy policy(5, 5, 1.0, unlimited);
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(policy.NextDelay(), 5) << unlimited;
   }
+  // Growth past the integer range caps instead of overflowing.
+  const int64_t max = std::numeric_limits<int64_t>::max();
+  RetryPolicy huge(1, max, 1000.0);
+  int64_t last = 0;
+  for (int i = 0; i < 200; ++i) {
+    const int64_t delay = huge.NextDelay();
+    ASSERT_GE(delay, last) << "attempt " << i + 1;
+    last = delay;
+  }
+  EXPECT_EQ(last, max);
+  EXPECT_TRUE(huge.capped());
 }
 
-TEST(RetryPolicyTest, ResetStartsAnewAndClearsTheCap) {
+TEST(RetryPolicyTest, ResetAndCopies) {
   RetryPolicy policy(10, 35, 2.0, 4);
   EXPECT_EQ(Delays(policy, 5), (std::vector<int64_t>{10, 20, 35, 35, -1}));
   EXPECT_TRUE(policy.capped());
   policy.Reset();
   EXPECT_FALSE(policy.capped());
   EXPECT_EQ(policy.attempts(), 0u);
-  EXPECT_EQ(Delays(policy, 3), (std::vector<int64_t>{10, 20, 35}));
+  EXPECT_EQ(Delays(policy, 2), (std::vector<int64_t>{10, 20}));
+  // Copies carry the settings and the progress; the original is untouched.
+  RetryPolicy copy(policy);
+  EXPECT_EQ(copy.NextDelay(), 35);
+  RetryPolicy assigned;
+  assigned = policy;
+  EXPECT_EQ(assigned.ToString(), policy.ToString());
+  EXPECT_EQ(Delays(assigned, 3), (std::vector<int64_t>{35, 35, -1}));
+  EXPECT_EQ(policy.attempts(), 2u);
 }
 
-TEST(RetryPolicyTest, GrowthPastTheIntegerRangeCapsInsteadOfOverflowing) {
-  const int64_t max = std::numeric_limits<int64_t>::max();
-  RetryPolicy policy(1, max, 1000.0);
-  int64_t last = 0;
-  for (int i = 0; i < 200; ++i) {
-    const int64_t delay = policy.NextDelay();
-    ASSERT_GE(delay, last) << "attempt " << i + 1;
-    last = delay;
-  }
-  EXPECT_EQ(last, max);
-  EXPECT_TRUE(policy.capped());
-}
-
-TEST(RetryPolicyTest, TextForm) {
+TEST(RetryPolicyTest, TextFormAndRefusedArguments) {
   EXPECT_EQ(RetryPolicy().ToString(),
             "RetryPolicy(initial_delay=100, max_delay=60000, backoff_mult=2.000000, "
             "max-attempts=unlimited)");
@@ -74,22 +81,6 @@ TEST(RetryPolicyTest, TextForm) {
   EXPECT_EQ(RetryPolicy(1, 2, 1.5, 0xFFFFFFFEu).ToString(),
             "RetryPolicy(initial_delay=1, max_delay=2, backoff_mult=1.500000, "
             "max-attempts=4294967294)");
-}
-
-TEST(RetryPolicyTest, CopiesCarrySettingsAndProgress) {
-  RetryPolicy policy(10, 1000, 3.0, 5);
-  policy.NextDelay();
-  policy.NextDelay();
-  RetryPolicy copy(policy);
-  EXPECT_EQ(copy.NextDelay(), 90);
-  RetryPolicy assigned;
-  assigned = policy;
-  EXPECT_EQ(assigned.ToString(), policy.ToString());
-  EXPECT_EQ(assigned.NextDelay(), 90);
-  EXPECT_EQ(policy.attempts(), 2u);  // the original is untouched by its copies
-}
-
-TEST(RetryPolicyTest, RejectsNegativeDelaysAndBadMultipliers) {
   EXPECT_THROW(RetryPolicy(-1, 10, 2.0), std::invalid_argument);
   EXPECT_THROW(RetryPolicy(1, -10, 2.0), std::invalid_argument);
   for (double mult : {-2.0, std::numeric_limits<double>::infinity(),
@@ -110,7 +101,6 @@ TEST(RetryPolicyTest, ConcurrentCallersEachCountOneAttempt) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-
   EXPECT_EQ(policy.attempts(), static_cast<uint64_t>(kThreads * kCalls));
   // Exactly max_attempts calls got a delay; each delay of the sequence below
   // the cap was handed out once.

@@ -21,16 +21,22 @@ TEST(WeakCallback0Test, CallsWhileTheTargetLivesAndTheExpiredHookAfter) {
   boost::weak_ptr<Target> watch = target;
   auto callback = MakeWeakCallback(target, &Target::Fire, [&late] { ++late; });
   boost::function<void()> plain = MakeWeakCallback(target, &Target::Fire);
+  auto stdTarget = std::make_shared<Target>();
+  std::function<void()> onStd = MakeWeakCallback(stdTarget, &Target::Fire);
   callback();
   plain();
+  onStd();
   EXPECT_EQ(target->fired, 2);
+  EXPECT_EQ(stdTarget->fired, 1);
   EXPECT_FALSE(callback.Expired());
 
   target.reset();  // the callbacks hold no strong reference
+  stdTarget.reset();
   EXPECT_TRUE(watch.expired());
   EXPECT_TRUE(callback.Expired());
   callback();
   plain();  // nothing to call; must not touch freed memory
+  onStd();
   EXPECT_EQ(late, 1);
 }
 
@@ -50,17 +56,6 @@ TEST(WeakCallback0Test, TargetCanDropItsLastOwnerInsideTheCall) {
   boost::weak_ptr<SelfReleasing> watch = holder;
   MakeWeakCallback(holder, &SelfReleasing::Run)();
   EXPECT_TRUE(watch.expired());
-}
-
-TEST(WeakCallback0Test, WorksWithStdSharedPointers) {
-  auto target = std::make_shared<Target>();
-  std::weak_ptr<Target> watch = target;
-  std::function<void()> callback = MakeWeakCallback(target, &Target::Fire);
-  callback();
-  EXPECT_EQ(target->fired, 1);
-  target.reset();
-  EXPECT_TRUE(watch.expired());
-  callback();
 }
 
 }  // namespace

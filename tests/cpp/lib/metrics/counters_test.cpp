@@ -104,17 +104,23 @@ TEST_F(CountersTest, LatencyCounterSummarisesThePeriod) {
             "units: µs, s~last: 2, s~num: 3, s~min: 1, s~max: 2, s~sum: 5, s~avg: 1.667");
 }
 
+// r = p * (n + 1), k = r cut: the first sample for k = 0, the last for
+// k >= n, else samples k and k + 1 weighed by r - k.
 TEST(PercentileTest, FollowsTheRankRule) {
-  using aggregation::Percentile;
-  EXPECT_EQ(Percentile({}, 0.95), 0.0);
-  // n = 1: r = 1.9, k = 1 = n, the last sample.
-  EXPECT_EQ(Percentile({42}, 0.95), 42.0);
-  // k = 0: the first sample.
-  EXPECT_EQ(Percentile({5, 6, 7}, 0.2), 5.0);
-  // n = 3, p = 0.5: r = 2, k = 2, between samples 2 and 3 with weight 0.
-  EXPECT_EQ(Percentile({5, 6, 7}, 0.5), 6.0);
-  // n = 4, p = 0.5: r = 2.5, k = 2: 6 + 0.5 * (10 - 6).
-  EXPECT_EQ(Percentile({5, 6, 10, 11}, 0.5), 8.0);
+  const struct {
+    std::vector<uint64_t> sorted;
+    double p;
+    double expected;
+  } cases[] = {
+      {{}, 0.95, 0.0},           {{42}, 0.95, 42.0},       // r = 1.9, k = 1 = n
+      {{5, 6, 7}, 0.2, 5.0},     {{5, 6, 7}, 0.5, 6.0},    // k = 0; r = k = 2
+      {{5, 6, 10, 11}, 0.5, 8.0},                          // r = 2.5: 6 + 0.5 * 4
+      {{5, 6, 10, 11}, 0.8, 11.0}, {{5, 6, 10, 20}, 0.7, 15.0},  // r = 4 = n; r = 3.5
+  };
+  for (const auto& c : cases) {
+    EXPECT_DOUBLE_EQ(aggregation::Percentile(c.sorted, c.p), c.expected)
+        << c.sorted.size() << " samples, p " << c.p;
+  }
 }
 
 TEST_F(CountersTest, StatsLatencyPercentilesOverOneHundredSamples) {
