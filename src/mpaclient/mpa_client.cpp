@@ -18,6 +18,7 @@
 #include "mpaclient/rmq_client.h"
 #include "mpaclient/tnproxy_no_road.h"
 #include "mpalib/rmq_client_message.h"
+#include "util/mpa_error_tags.h"
 
 namespace zel {
 
@@ -210,7 +211,7 @@ void MpaClient::MessageDispatcher(rmqClientMessage* message) {
   }
   if (!client) {
     MPA_CLIENT_LOG(kLogError)
-        .addTag("errorCode:MPAERR_MPA_INVALID_MSG_HANDLER")
+        .addTag(ZelMpa::tag::MPAERR_MPA_INVALID_MSG_HANDLER)
         .format("No callback function for app type %s", Text(message->appType));
     std::free(message->rawBuffer);
     message->rawBuffer = nullptr;
@@ -251,10 +252,6 @@ MpaClient::~MpaClient() {
 }
 
 void MpaClient::Start() {
-  {
-    WriteLock lock(connectionMutex_);
-    closed_ = false;
-  }
   MPA_CLIENT_LOG(kLogInfo)
       .format("[%s] Starting MPA client thread...\n", applicationType_.c_str());
   if (GetMpaClient(applicationType_)) {
@@ -266,14 +263,6 @@ void MpaClient::Start() {
 }
 
 void MpaClient::Close() {
-  {
-    WriteLock lock(connectionMutex_);
-    closed_ = true;
-    if (reconnectTimer_) {
-      reconnectTimer_->Cancel();
-      reconnectTimer_.reset();
-    }
-  }
   DisconnectMpa();
   HandleClose();
 }
@@ -297,7 +286,7 @@ int MpaClient::SendMsg(rmqClientMessage* message) {
     MPA_CLIENT_LOG(kLogVerbose).format("%s sent message to MPA", applicationType_.c_str());
   } else {
     MPA_CLIENT_LOG(kLogError)
-        .addTag("errorCode:MPAERR_MPA_SENDMSG_FAILED")
+        .addTag(ZelMpa::tag::MPAERR_MPA_SENDMSG_FAILED)
         .format("%s failed to send message to MPA", applicationType_.c_str());
   }
   return result;
@@ -355,10 +344,6 @@ void MpaClient::Connect_(bool withEndpoint) {
       reconnectTimer_->Cancel();
       reconnectTimer_.reset();
     }
-    if (closed_) {
-      MPA_CLIENT_LOG(kLogInfo).format("[%s] MPA client closed, not connecting to mpa", type);
-      return;
-    }
     if (!rmqClient_) {
       MPA_CLIENT_LOG(kLogWarn).format("[%s] No rmq client, not connecting to mpa", type);
       return;
@@ -398,11 +383,10 @@ void MpaClient::Connect_(bool withEndpoint) {
   }
 
   {
-    // An ACK or a CLOSE of the new connection can reach OnMessage before
-    // Register has returned its cookie: the ACK flag is cleared before, not
-    // after, and a CLOSE for an unknown cookie meanwhile is remembered.
+    // The library may drop the new connection, and deliver its CLOSE, before
+    // Register has returned its cookie: a CLOSE meanwhile is kept until the
+    // cookie is known (see OnMessage).
     WriteLock lock(connectionMutex_);
-    registrationAcked_ = false;
     registering_ = true;
     closedWhileRegistering_ = -1;
   }
@@ -417,33 +401,27 @@ void MpaClient::Connect_(bool withEndpoint) {
                               &MpaClient::MessageDispatcher);
   }
 
-  int32_t lateCookie = -1;
   bool closedAtOnce = false;
+  int32_t ignoredClose = -1;
   {
     WriteLock lock(connectionMutex_);
     registering_ = false;
-    if (cookie >= 0 && closed_) {
-      // Close ran while the registration was under way.
-      lateCookie = cookie;
-      cookieId_ = -1;
-    } else if (cookie >= 0 && closedWhileRegistering_ == cookie) {
+    cookieId_ = cookie;
+    if (cookie >= 0 && closedWhileRegistering_ == cookie) {
       // The library dropped the new connection before its cookie was known.
       closedAtOnce = true;
       registrationAcked_ = false;
       state_ = kStateDisconnected;
       cookieId_ = -1;
     } else {
-      cookieId_ = cookie;
-      if (cookie >= 0) state_ = kStateConnected;
+      ignoredClose = closedWhileRegistering_;
+      if (cookie >= 0) {
+        state_ = kStateConnected;
+        registrationAcked_ = false;
+      }
     }
   }
-  if (lateCookie >= 0) {
-    client->CloseClient(lateCookie);
-    MPA_CLIENT_LOG(kLogInfo)
-        .format("[%s] MPA client closed while connecting, connection [%d] closed", type,
-                lateCookie);
-    return;
-  }
+  if (ignoredClose >= 0) LogCookieMismatch_(ignoredClose, cookie);
   if (closedAtOnce) {
     MPA_CLIENT_LOG(kLogInfo)
         .format("[%s] Got CLIENT CLOSE Message for cookie:[%d], disconnected from MPA\n", type,
@@ -486,11 +464,6 @@ void MpaClient::ScheduleReconnect(uint64_t micros) {
     return;
   }
   WriteLock lock(connectionMutex_);
-  if (closed_) {
-    MPA_CLIENT_LOG(kLogVerbose)
-        .format("[%s] MPA client closed, no reconnect scheduled", applicationType_.c_str());
-    return;
-  }
   if (reconnectTimer_) reconnectTimer_->Cancel();
   reconnectTimer_ = StartTimer_(micros, [](MpaClient& self) { self.ReconnectTimeout(); });
   MPA_CLIENT_LOG(kLogInfo)
@@ -550,11 +523,13 @@ void MpaClient::OnMessage(rmqClientMessage* message) {
     {
       WriteLock lock(connectionMutex_);
       if (message->cookieId != cookieId_) {
-        if (registering_) closedWhileRegistering_ = message->cookieId;
-        MPA_CLIENT_LOG(kLogError)
-            .addTag("errorCode:MPAERR_MPA_COOKIEID_MISMATCH")
-            .format("[%s] Message's cookieId [%d] does not match with [%d], ignored\n", type,
-                    message->cookieId, cookieId_);
+        if (registering_ && message->cookieId >= 0) {
+          // Possibly the connection being registered: Connect_ decides once
+          // its cookie is known, and logs the mismatch if it was not.
+          closedWhileRegistering_ = message->cookieId;
+        } else {
+          LogCookieMismatch_(message->cookieId, cookieId_);
+        }
         return;
       }
       MPA_CLIENT_LOG(kLogInfo)
@@ -591,7 +566,7 @@ void MpaClient::OnMessage(rmqClientMessage* message) {
 
   if (!IsAcceptedMessageType(message->messageType)) {
     MPA_CLIENT_LOG(kLogError)
-        .addTag("errorCode:MPAERR_MPA_UNSUPPORT_MSG")
+        .addTag(ZelMpa::tag::MPAERR_MPA_UNSUPPORT_MSG)
         .format("[%s] Unrecognized RMQ messageType [%d] from MPA. Disconnect from mpa due to "
                 "unrecognized message. CookieId :%d\n",
                 type, message->messageType, message->cookieId);
@@ -599,6 +574,13 @@ void MpaClient::OnMessage(rmqClientMessage* message) {
   }
 
   if (callback_) callback_(message);
+}
+
+void MpaClient::LogCookieMismatch_(int32_t received, int32_t current) {
+  MPA_CLIENT_LOG(kLogError)
+      .addTag(ZelMpa::tag::MPAERR_MPA_COOKIEID_MISMATCH)
+      .format("[%s] Message's cookieId [%d] does not match with [%d], ignored\n",
+              applicationType_.c_str(), received, current);
 }
 
 // ---------------------------------------------------------------------------

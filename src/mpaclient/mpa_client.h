@@ -114,9 +114,9 @@ class MpaClient : public boost::enable_shared_from_this<MpaClient> {
   // The connect runs on the calling thread and takes as long as the library's
   // registration (up to about a second); failures schedule reconnects.
   void Start();
-  // Application shut-down: closes the MPA connection, cancels every pending
-  // reconnect and handshake timer and clears the handshake. No reconnect
-  // follows until the next Start.
+  // Application shut-down: DisconnectMpa (which closes an open connection
+  // and cancels its reconnect timer), then HandleClose. A reconnect already
+  // pending without a connection still runs; Unregister stops it for good.
   void Close();
 
   // Sends `message` on the road in force. MPA road: the record goes to the
@@ -234,6 +234,9 @@ class MpaClient : public boost::enable_shared_from_this<MpaClient> {
   // Creates a one-shot timer of `micros` that calls `fn` while this client
   // lives.
   TimerPtr StartTimer_(uint64_t micros, boost::function<void(MpaClient&)> fn);
+  // Logs the CLOSE of a connection that is not this client's, which is
+  // ignored.
+  void LogCookieMismatch_(int32_t received, int32_t current);
   // Cancels and drops the two handshake timers; the caller holds initMutex_.
   void CancelHandshakeTimers_();
 
@@ -255,8 +258,6 @@ class MpaClient : public boost::enable_shared_from_this<MpaClient> {
   int32_t state_ = kStateDisconnected;
   int32_t cookieId_ = -1;
   bool registrationAcked_ = false;
-  // Set by Close, cleared by Start: no (re)connect in between.
-  bool closed_ = false;
   // True while Register of the library runs; a CLOSE for a cookie not yet
   // known meanwhile is kept in closedWhileRegistering_ (-1: none).
   bool registering_ = false;

@@ -7,6 +7,7 @@
 #include "cpp/lib/common/workgroup/work_group.h"
 #include "mpaclient/rmq_client.h"
 #include "mpaclient/tnproxy_no_road.h"
+#include "util/mpa_error_tags.h"
 
 namespace zel {
 
@@ -17,7 +18,7 @@ RefPtr<RmqClientEventLoopThread> g_loop;  // guarded by g_loopMutex
 
 [[noreturn]] void FailStart(const char* what) {
   MPA_CLIENT_LOG(kLogError)
-      .addTag("errorCode:MPAERR_MPA_EVENT_LOOP_START")
+      .addTag(ZelMpa::tag::MPAERR_MPA_EVENT_LOOP_START)
       .format("Unable to start MPA client event loop thread: %s", what);
   throw std::logic_error(std::string("MPA client event loop: ") + what);
 }

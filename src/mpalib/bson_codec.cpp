@@ -381,18 +381,26 @@ inline const char* FindNul(const char* q, const char* end) {
 
 // Moves the cursor onto the element at `p` after checking that it lies whole
 // before the closing NUL at it->end; `p == end` is the end of the document.
-// A malformed element makes the iterator corrupt; an unknown type is fatal.
+// In a frame the last byte is not known to be a NUL, so it is read like any
+// other element head. A malformed element makes the iterator corrupt; an
+// unknown type is fatal.
 void Land(bson_iterator* it, const char* p) {
   const char* end = it->end;
-  if (p == end) {
+  if (p == end && !it->frame) {
     it->cursor = p;
     it->value = p;
     return;
   }
   const unsigned type = static_cast<unsigned char>(*p);
-  // A terminator before the last byte leaves bytes the length field claims
-  // but no element explains.
-  if (type == BSON_ELEM_EOO) return SetCorrupt(it);
+  if (type == BSON_ELEM_EOO) {
+    // A terminator before the last byte leaves bytes the length field claims
+    // but no element explains; a frame ends at its first terminator.
+    if (!it->frame) return SetCorrupt(it);
+    it->end = p;
+    it->cursor = p;
+    it->value = p;
+    return;
+  }
   if (type > BSON_ELEM_MAX) FatalUnknownType(type);
   const char* nul = FindNul(p + 1, end);
   if (nul == nullptr) return SetCorrupt(it);
@@ -606,6 +614,7 @@ namespace {
 
 void StartWalk(bson_iterator* it, const char* data, int64_t len) {
   it->first = 1;
+  it->frame = 0;
   if (len < 5 || data[len - 1] != '\0') {
     SetCorrupt(it);
     return;
@@ -619,6 +628,7 @@ void StartWalk(bson_iterator* it, const char* data, int64_t len) {
 void bson_iterator_init(bson_iterator* it, const bson* b) {
   if (b == nullptr || b->data == nullptr || !b->finished) {
     it->first = 1;
+    it->frame = 0;
     SetCorrupt(it);
     return;
   }
@@ -632,16 +642,31 @@ void bson_iterator_from_buffer(bson_iterator* it, const char* data) {
 void bson_iterator_from_buffer_n(bson_iterator* it, const char* data, size_t avail) {
   if (avail < 5) {
     it->first = 1;
+    it->frame = 0;
     SetCorrupt(it);
     return;
   }
   const int64_t len = GetLe32(data);
   if (len > static_cast<int64_t>(avail)) {
     it->first = 1;
+    it->frame = 0;
     SetCorrupt(it);
     return;
   }
   StartWalk(it, data, len);
+}
+
+void bson_iterator_from_frame(bson_iterator* it, const char* data, size_t len) {
+  it->first = 1;
+  it->frame = 1;
+  if (len < 5) {
+    SetCorrupt(it);
+    return;
+  }
+  // The last byte bounds the walk like a document's closing NUL, except that
+  // Land() ends the frame at the first terminator it meets.
+  it->end = data + len - 1;
+  Land(it, data + 4);
 }
 
 bson_type bson_iterator_next(bson_iterator* it) {

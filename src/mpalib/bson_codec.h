@@ -92,12 +92,14 @@ struct bson {
 // read; `value` points at the current element's value. An element is checked
 // against `end` when the cursor reaches it, so readers trust the current
 // element. A corrupt document leaves `cursor` null: the iterator then stays at
-// the end.
+// the end. `frame` is non-zero for a walk over a protocol frame (see
+// bson_iterator_from_frame).
 struct bson_iterator {
   const char* cursor;
   int first;
   const char* end;
   const char* value;
+  int frame;
 };
 
 // Called first on a fatal error (with its text) and on an invalid element
@@ -149,6 +151,12 @@ void bson_iterator_init(bson_iterator* it, const bson* b);
 void bson_iterator_from_buffer(bson_iterator* it, const char* data);
 // Same, but the document must also fit the `avail` bytes at `data`.
 void bson_iterator_from_buffer_n(bson_iterator* it, const char* data, size_t avail);
+// Walks `len` bytes read as one document of the MPA protocol, the way its
+// reader always has: the elements from data + 4 up to the first terminator,
+// whatever the length field says and whatever follows the terminator. An
+// element that does not fit in the `len` bytes (or fewer than 5 bytes) makes
+// the walk corrupt, so nothing outside them is read.
+void bson_iterator_from_frame(bson_iterator* it, const char* data, size_t len);
 
 // Steps to the next element and returns its type; BSON_ELEM_EOO at the end
 // and on a corrupt document.

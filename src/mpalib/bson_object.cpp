@@ -196,6 +196,14 @@ BsonIterator::BsonIterator(const uint8_t* data, size_t avail) {
   bson_iterator_from_buffer_n(it_, reinterpret_cast<const char*>(data), avail);
 }
 
+BsonIterator BsonIterator::OverFrame(const uint8_t* data, size_t len) {
+  if (data == nullptr) throw std::invalid_argument(kIteratorNullText);
+  BsonIterator it;
+  NewIterator(it.it_, it.owner_);
+  bson_iterator_from_frame(it.it_, reinterpret_cast<const char*>(data), len);
+  return it;
+}
+
 BsonIterator::BsonIterator(const BSON& doc) {
   if (doc.dataPtr() == nullptr) throw std::invalid_argument(kIteratorNullText);
   NewIterator(it_, owner_);

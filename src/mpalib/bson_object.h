@@ -113,6 +113,11 @@ class BsonIterator {
   // Walks a finished document; an unfinished one reads as corrupt. Throws
   // std::invalid_argument when `doc` has no data.
   explicit BsonIterator(const BSON& doc);
+  // Walks `len` bytes received as one protocol document: the elements up to
+  // the first terminator, whatever the length field says (see
+  // bson_iterator_from_frame). Throws std::invalid_argument for a null
+  // pointer.
+  static BsonIterator OverFrame(const uint8_t* data, size_t len);
 
   // Copies share one walk: stepping one steps them all.
   BsonIterator(const BsonIterator&) = default;
@@ -145,6 +150,8 @@ class BsonIterator {
   int getObject(const char*& key, BSON& value) const;
 
  private:
+  BsonIterator() = default;
+
   bson_iterator* it_ = nullptr;
   std::shared_ptr<bson_iterator> owner_;
 };

@@ -9,6 +9,8 @@
 #include "mpalib/mpa_lib_exceptions.h"
 #include "mpalib/mpa_lib_listener.h"
 #include "mpalib/mpa_lib_registry.h"
+#include "mpalib/mpa_lib_result.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelMpa {
 
@@ -65,7 +67,7 @@ bool MpaLib::Stop(bool notify) {
   // thread may need it to finish.
   if (!listener->Stop(notify)) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA137")
+        .addTag(tag::MPA137)
         .format("%sMpaLib Listener thread failed to join", logPrefix_);
     return false;
   }
@@ -84,18 +86,18 @@ int MpaLib::Init(const char* name, int type, const bson* headers,
   std::string address = kDefaultAddress;
   if (type != 1) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA129")
+        .addTag(tag::MPA129)
         .format("%sInvalid client type: %d\n", logPrefix_, type);
-    return -2010;
+    return kMpaUnsupported;
   }
   if (endpoint != nullptr) {
     if (endpoint->address != nullptr) address = endpoint->address;
     if (endpoint->port == 0 || endpoint->port == 1 || endpoint->port == 65535) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA2")
+          .addTag(tag::MPA2)
           .format("%sUnable to initialize client with invalid port: %d", logPrefix_,
                   endpoint->port);
-      return -2003;
+      return kMpaInvalidArgument;
     }
     port = std::to_string(endpoint->port);
     MPALIB_LOG(zel::kLogInfo).format("%sCustom port: %d", logPrefix_, endpoint->port);
@@ -103,24 +105,24 @@ int MpaLib::Init(const char* name, int type, const bson* headers,
 
   try {
     std::shared_ptr<MpaLibClient> client = CreateClient(name, 1, callback);
-    if (!client) return -2025;
+    if (!client) return kMpaNoClient;
     if (!IsHealthy()) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA141")
+          .addTag(tag::MPA141)
           .format("%sUnable to create client; library not initialized\n", logPrefix_);
-      return -2018;
+      return kMpaNotStarted;
     }
     // Connecting and registering happen without the library's lock: a
     // registration may wait for room in the socket.
     int cookie = -1;
     int rc = client->Init(address.c_str(), port.c_str(), headers, &cookie);
     if (rc < 0) {
-      if (rc == -2001) {
+      if (rc == kMpaSocketError) {
         MPALIB_LOG(zel::kLogDebug)
             .format("%sError creating client, returned error code %d\n", logPrefix_, rc);
       } else {
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA101")
+            .addTag(tag::MPA101)
             .format("%sCreating client returned error code %d\n", logPrefix_, rc);
       }
       return rc;
@@ -130,18 +132,18 @@ int MpaLib::Init(const char* name, int type, const bson* headers,
       if (!IsHealthy()) {
         // Stopped while this client was connecting.
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA141")
+            .addTag(tag::MPA141)
             .format("%sUnable to create client; library not initialized\n", logPrefix_);
         client->Close(false);
-        return -2018;
+        return kMpaNotStarted;
       }
       rc = registry_->Add(cookie, client);
     }
     if (rc < 0) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA139")
+          .addTag(tag::MPA139)
           .format("%sClient with same socket fd exists in registry\n", logPrefix_);
-      return -2015;
+      return kMpaDuplicateClient;
     }
     MPALIB_LOG(zel::kLogInfo)
         .format("%s MpaLibClient initialized with cookie id %d\n", logPrefix_, cookie);
@@ -149,43 +151,43 @@ int MpaLib::Init(const char* name, int type, const bson* headers,
   } catch (const RegistrySizeError& e) {
     // The refused client's socket closes with the client.
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPAERR_RMQCLIENTLIB_NUM_CLIENTS_EXCEEDED")
+        .addTag(tag::MPAERR_RMQCLIENTLIB_NUM_CLIENTS_EXCEEDED)
         .format("%s%s", logPrefix_, e.what());
-    return -2022;
+    return kMpaTooManyClients;
   } catch (const MpaException& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%s%s", logPrefix_, e.what());
-    return -2101;
+    return kMpaLibraryException;
   }
 }
 
 int MpaLib::Send(const rmqClientMessage* message, char* messageIdOut) {
   if (message == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA125")
+        .addTag(tag::MPA125)
         .format("%sFailed to send null message", logPrefix_);
-    return -2004;
+    return kMpaNoData;
   }
   if (message->payload != nullptr && message->payloadLen < 0) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA125")
+        .addTag(tag::MPA125)
         .format("%sFailed to send message with invalid payload", logPrefix_);
-    return -2023;
+    return kMpaInvalidPayload;
   }
   if (message->cookieId < 0) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA125")
+        .addTag(tag::MPA125)
         .format("%sFailed to send message with invalid cookie Id %d", logPrefix_,
                 message->cookieId);
-    return -2002;
+    return kMpaInvalidCookie;
   }
   const bson* headers = message->amqpHeaders;
   if (headers != nullptr && (!headers->finished || headers->err != 0)) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA125")
+        .addTag(tag::MPA125)
         .format("%sFailed to send message with unfinished or invalid headers", logPrefix_);
-    return -2012;
+    return kMpaBadDocument;
   }
 
   std::shared_ptr<MpaLibClient> client;
@@ -193,22 +195,22 @@ int MpaLib::Send(const rmqClientMessage* message, char* messageIdOut) {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     if (!IsHealthy()) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA141")
+          .addTag(tag::MPA141)
           .format("%sUnable to send message; library not started\n", logPrefix_);
-      return -2018;
+      return kMpaNotStarted;
     }
     client = registry_->Get(message->cookieId);
   }
   if (!client) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA142")
+        .addTag(tag::MPA142)
         .format("%sCould not find client with cookieId %d", logPrefix_, message->cookieId);
-    return -2001;
+    return kMpaSocketError;
   }
   const int rc = client->Send(message, client->GetSessionId().c_str(), messageIdOut);
   if (rc < 0) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA125")
+        .addTag(tag::MPA125)
         .format("%sClient returned error code %d when sending message\n", logPrefix_, rc);
     // The application hears of it through a RMQ_CLIENT_CLOSE record.
     CloseClient(message->cookieId, true);
@@ -222,10 +224,10 @@ int MpaLib::CloseClient(int cookie, bool notify) {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     if (!IsHealthy()) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA141")
+          .addTag(tag::MPA141)
           .format("%sFailed to close client; MpaLib not fully initialized/unhealthy",
                   logPrefix_);
-      return -2018;
+      return kMpaNotStarted;
     }
     registry = registry_;
   }

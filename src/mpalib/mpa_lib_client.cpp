@@ -17,7 +17,9 @@
 #include "cpp/lib/common/logger.h"
 #include "mpalib/bson_codec.h"
 #include "mpalib/bson_object.h"
+#include "mpalib/mpa_lib_result.h"
 #include "util/SocketObject.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelMpa {
 
@@ -55,11 +57,6 @@ constexpr uint32_t kMaxDocumentLength =
 uint32_t ReadBigEndian32(const uint8_t* p) {
   return (static_cast<uint32_t>(p[0]) << 24) | (static_cast<uint32_t>(p[1]) << 16) |
          (static_cast<uint32_t>(p[2]) << 8) | static_cast<uint32_t>(p[3]);
-}
-
-uint32_t ReadLittleEndian32(const uint8_t* p) {
-  return (static_cast<uint32_t>(p[3]) << 24) | (static_cast<uint32_t>(p[2]) << 16) |
-         (static_cast<uint32_t>(p[1]) << 8) | static_cast<uint32_t>(p[0]);
 }
 
 // Writes "<session>:<sequence>" into the caller's buffer on every way out of
@@ -115,7 +112,7 @@ int MpaLibClient::GetCookieId() {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   if (!socket_) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA132")
+        .addTag(tag::MPA132)
         .format("%s Bad socket for app: %s", logPrefix_, appType_.c_str());
     return -1;
   }
@@ -125,7 +122,7 @@ int MpaLibClient::GetCookieId() {
 int MpaLibClient::GetSocketDescriptor() {
   if (!socket_) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA132")
+        .addTag(tag::MPA132)
         .format("%sSocket missing for app: %s", logPrefix_, appType_.c_str());
     return -1;
   }
@@ -143,9 +140,9 @@ int MpaLibClient::Init(const char* ip, const char* port, const bson* headers,
   if (cookieOut != nullptr) *cookieOut = -1;
   if (ip == nullptr || port == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA2")
+        .addTag(tag::MPA2)
         .format("%sUnable to initialize client with null IP or port", logPrefix_);
-    return -2003;
+    return kMpaInvalidArgument;
   }
   switch (connectionType_) {
     case 1:
@@ -154,15 +151,15 @@ int MpaLibClient::Init(const char* ip, const char* port, const bson* headers,
     case 2:
     case 4:
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA122")
+          .addTag(tag::MPA122)
           .format("%sHCOM is not supported in this release", logPrefix_);
-      return -1;
+      return kMpaFailure;
     default:
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA129")
+          .addTag(tag::MPA129)
           .format("%sInvalid client connection type specified %d\n", logPrefix_,
                   connectionType_);
-      return -2010;
+      return kMpaUnsupported;
   }
 
   CreateSocket();
@@ -176,7 +173,7 @@ int MpaLibClient::Init(const char* ip, const char* port, const bson* headers,
     MPALIB_LOG(zel::kLogDebug)
         .format("%sSocket exception while connecting client (%s) to MPA: %s.\n",
                 logPrefix_, appType_.c_str(), e.what());
-    rc = -2001;
+    rc = kMpaSocketError;
   }
 
   if (rc == 0) {
@@ -184,7 +181,7 @@ int MpaLibClient::Init(const char* ip, const char* port, const bson* headers,
       rc = SendRegistration(headers);
       if (rc < 0) {
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA125")
+            .addTag(tag::MPA125)
             .format("%sFailed to send client registration message to MP", logPrefix_);
       } else {
         rc = 0;
@@ -198,27 +195,27 @@ int MpaLibClient::Init(const char* ip, const char* port, const bson* headers,
       }
     } catch (const SocketException& e) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA101")
+          .addTag(tag::MPA101)
           .format("%sSocket Exception while sending Host registration for client "
                   "(%s): %s\n",
                   logPrefix_, appType_.c_str(), e.what());
-      rc = -2001;
+      rc = kMpaSocketError;
     } catch (BsonException* raw) {
       std::unique_ptr<BsonException> e(raw);
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA101")
+          .addTag(tag::MPA101)
           .format("%sBSON Exception while sending Host registration for client "
                   "(%s): %s\n",
                   logPrefix_, appType_.c_str(), e->what());
-      rc = -2012;
+      rc = kMpaBadDocument;
     }
   }
 
   if (rc < 0) {
     sessionId_ = kNoSession;
-    if (rc != -2001) {
+    if (rc != kMpaSocketError) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA101")
+          .addTag(tag::MPA101)
           .format("%s: Couldn't get a valid cookie id: err[%d]", logPrefix_, rc);
     }
     Close(false);
@@ -256,7 +253,7 @@ int MpaLibClient::SendRegistration(const bson* headers) {
 int MpaLibClient::Send(const rmqClientMessage* message, const char* sessionId,
                        char* messageIdOut) {
   MessageIdWriter messageId(messageIdOut, sessionId);
-  if (message == nullptr) return -2003;
+  if (message == nullptr) return kMpaInvalidArgument;
 
   auto appendFailed = [this](const char* tag, const char* what, int rc) {
     MPALIB_LOG(zel::kLogError).addTag(tag).format("%s%s", logPrefix_, what);
@@ -267,37 +264,37 @@ int MpaLibClient::Send(const rmqClientMessage* message, const char* sessionId,
     BSON doc;
     int rc = doc.appendLong("msg_type", message->messageType);
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson messageType", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson messageType", rc);
     }
     rc = doc.appendString("app_type", appType_.c_str());
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson appName", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson appName", rc);
     }
     // Data messages carry app_id as the boolean true; registrations carry a
     // string. The MPA expects exactly this.
     rc = doc.appendBool("app_id", true);
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson appID", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson appID", rc);
     }
     if (message->amqpHeaders != nullptr) {
       rc = doc.appendRaw("amqp_headers", message->amqpHeaders);
       if (rc != 0) {
-        return appendFailed("errorCode:MPA1501", "Failed in appending bson amqpHeaders", rc);
+        return appendFailed(tag::MPA1501, "Failed in appending bson amqpHeaders", rc);
       }
     }
     if (message->amqpContentType == nullptr) {
-      return appendFailed("errorCode:MPA125", "amqpContentType is not specified", -1);
+      return appendFailed(tag::MPA125, "amqpContentType is not specified", kMpaFailure);
     }
     rc = doc.appendString("content_type", message->amqpContentType);
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson amqpContentType", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson amqpContentType", rc);
     }
     if (message->amqpRoutingKey == nullptr) {
-      return appendFailed("errorCode:MPA125", "amqpRoutingKey is not specified", -1);
+      return appendFailed(tag::MPA125, "amqpRoutingKey is not specified", kMpaFailure);
     }
     rc = doc.appendString("amqp_routing_key", message->amqpRoutingKey);
     if (rc != 0) {
-      return appendFailed("errorCode:MPA108", "Failed in appending bson amqpRoutingKey", rc);
+      return appendFailed(tag::MPA108, "Failed in appending bson amqpRoutingKey", rc);
     }
     if (message->payload != nullptr && message->payloadLen > 0) {
       // A BSON binary cannot hold more than an int32 length.
@@ -306,35 +303,35 @@ int MpaLibClient::Send(const rmqClientMessage* message, const char* sessionId,
                : doc.appendBinary("amqp_payload", message->payload,
                                   static_cast<int32_t>(message->payloadLen));
       if (rc != 0) {
-        return appendFailed("errorCode:MPA1501", "Failed in appending bson amqpPayload", rc);
+        return appendFailed(tag::MPA1501, "Failed in appending bson amqpPayload", rc);
       }
       rc = doc.appendLong("payload_len", message->payloadLen);
       if (rc != 0) {
-        return appendFailed("errorCode:MPA1501", "Failed in appending bson amqpPayloadLen", rc);
+        return appendFailed(tag::MPA1501, "Failed in appending bson amqpPayloadLen", rc);
       }
     }
     const std::string sequence = NextMessageId();
     messageId.SetSequence(sequence);
     rc = doc.appendString("amqp-message-id", sequence.c_str());
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson sequence id", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson sequence id", rc);
     }
     rc = doc.appendString("session-id", (sessionId != nullptr && *sessionId != '\0')
                                             ? sessionId
                                             : kNoSession);
     if (rc != 0) {
-      return appendFailed("errorCode:MPA1501", "Failed in appending bson session id", rc);
+      return appendFailed(tag::MPA1501, "Failed in appending bson session id", rc);
     }
     doc.finish();
     return SendDocument_(doc);
   } catch (const SocketException& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA122")
+        .addTag(tag::MPA122)
         .format("%sSocket Send exception for client (%s): %s\n", logPrefix_,
                 appType_.c_str(), e.what());
-    return -2005;
+    return kMpaSendFailed;
   } catch (const std::bad_alloc&) {
-    return -2000;
+    return kMpaOutOfMemory;
   }
 }
 
@@ -342,26 +339,26 @@ int MpaLibClient::SendDocument_(const BSON& doc) {
   const uint8_t* data = doc.dataPtr();
   if (data == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA1506")
+        .addTag(tag::MPA1506)
         .format("%sNo BSON data to send", logPrefix_);
-    return -2004;
+    return kMpaNoData;
   }
   if (!doc.isFinished()) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA1506")
+        .addTag(tag::MPA1506)
         .format("%sBSON Object is not finished", logPrefix_);
-    return -2012;
+    return kMpaBadDocument;
   }
   const int len = doc.size();
   if (len < 1) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA1506")
+        .addTag(tag::MPA1506)
         .format("%sInvalid Len of BSON Object %d\n", logPrefix_, len);
-    return -2006;
+    return kMpaInvalidLength;
   }
   const size_t total = static_cast<size_t>(len) + 4;
   MallocBuffer frame(static_cast<uint8_t*>(std::malloc(total)));
-  if (!frame) return -2000;
+  if (!frame) return kMpaOutOfMemory;
   uint8_t* p = frame.get();
   p[0] = static_cast<uint8_t>(static_cast<uint32_t>(len) >> 24);
   p[1] = static_cast<uint8_t>(static_cast<uint32_t>(len) >> 16);
@@ -389,10 +386,10 @@ int MpaLibClient::SendDocument_(const BSON& doc) {
       if (err != EAGAIN && err != EWOULDBLOCK && err != ENOBUFS) {
         lock.unlock();
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA125")
+            .addTag(tag::MPA125)
             .format("%sError Sending Data for AppName %s Status %d\n", logPrefix_,
                     appType_.c_str(), err);
-        return -2005;
+        return kMpaSendFailed;
       }
       if (retries > g_sendRetryLimit.load()) {
         MPALIB_LOG(zel::kLogInfo)
@@ -414,7 +411,7 @@ int MpaLibClient::SendDocument_(const BSON& doc) {
   } catch (const SocketException& e) {
     lock.unlock();
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%sSocketException: While Sending  %s\n", logPrefix_, e.what());
     throw;
   }
@@ -431,38 +428,38 @@ int MpaLibClient::Receive() {
       std::lock_guard<std::recursive_mutex> lock(mutex_);
       if (!socket_) {
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA132")
+            .addTag(tag::MPA132)
             .format("%sSocket missing for app: %s", logPrefix_, appType_.c_str());
-        return -1;
+        return kMpaFailure;
       }
       descriptor = socket_->GetDescriptor();
       received = socket_->Recv(chunk, sizeof chunk);
     }
     if (received == 0) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA131")
+          .addTag(tag::MPA131)
           .format("%sSocket returned %zu bytes read", logPrefix_, received);
-      return -2020;
+      return kMpaNothingRead;
     }
     const std::vector<int> statuses = AssembleChunk_(chunk, received);
     int rc = 0;
     for (size_t i = 0; i < statuses.size(); ++i) {
       if (statuses[i] < 0) {
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA131")
+            .addTag(tag::MPA131)
             .format("%sReturned error code %d when receiving message - chunk index: %u\n",
                     logPrefix_, statuses[i], static_cast<unsigned>(i));
-        rc = -1;
+        rc = kMpaFailure;
       }
     }
     return rc;
   } catch (const SocketException& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA122")
+        .addTag(tag::MPA122)
         .format("%sSocket Exception while processing recvall on socket %d, for "
                 "AppName %s: Reason %s\n",
                 logPrefix_, descriptor, appType_.c_str(), e.what());
-    return -1;
+    return kMpaFailure;
   }
 }
 
@@ -478,13 +475,13 @@ int MpaLibClient::StartMessage_(uint32_t length) {
   ResetAssembler_(true);
   if (length > kMaxDocumentLength) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA131")
+        .addTag(tag::MPA131)
         .format("%sInvalid message length %u from MPA for client %s", logPrefix_,
                 length, appType_.c_str());
-    return -2006;
+    return kMpaInvalidLength;
   }
   msgBuf_ = static_cast<uint8_t*>(std::malloc(HeadersOffset(length) + sizeof(bson)));
-  if (msgBuf_ == nullptr) return -2000;
+  if (msgBuf_ == nullptr) return kMpaOutOfMemory;
   bytesToRead_ = static_cast<int32_t>(length);
   bytesRead_ = 0;
   return 0;
@@ -558,9 +555,9 @@ std::vector<int> MpaLibClient::AssembleChunk_(const uint8_t* chunk, size_t len) 
 int MpaLibClient::Deliver_() {
   if (msgBuf_ == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA131")
+        .addTag(tag::MPA131)
         .format("%sNo message received for callback", logPrefix_);
-    return -1;
+    return kMpaFailure;
   }
   // From here the assembler is ready for the next frame; the buffer is ours
   // until it is handed to the callback.
@@ -570,33 +567,28 @@ int MpaLibClient::Deliver_() {
 
   if (callback_ == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA130")
+        .addTag(tag::MPA130)
         .format("%sNo function callback found for client:%s", logPrefix_,
                 appType_.c_str());
-    return -2026;
+    return kMpaNoCallback;
   }
   rmqClientMessage message;
   std::memset(&message, 0, sizeof message);
-  // A BsonException thrown here frees the document on its way out.
-  const int rc = FillRecord_(document.get(), length, &message);
-  if (rc != 0) return rc;
+  // A BsonException thrown here frees the document on its way out. A frame
+  // that cannot be read safely is dropped alone: the frames around it are
+  // whole, so the stream stays in step and the connection stays up.
+  if (!FillRecord_(document.get(), length, &message)) return kMpaOk;
   message.cookieId = GetCookieId();
   message.rawBuffer = document.release();
   callback_(&message);
   return 0;
 }
 
-int MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
-  if (len < 5 || ReadLittleEndian32(doc) != len || doc[len - 1] != 0) {
-    MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA131")
-        .format("%sFrame of %zu bytes does not hold one BSON document for client %s",
-                logPrefix_, len, appType_.c_str());
-    return -2006;
-  }
-  BsonIterator it(doc, len);
+bool MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
+  // The document's own length field is not read: the frame's length rules,
+  // and the elements end at the first terminator.
+  BsonIterator it = BsonIterator::OverFrame(doc, len);
   bson* headers = reinterpret_cast<bson*>(doc + HeadersOffset(len));
-  bool hasPayloadLen = false;
   size_t binaryLen = 0;
 
   auto getString = [&it](const char*& value) {
@@ -638,7 +630,6 @@ int MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
       getString(m->amqpContentType);
     } else if (std::strcmp(key, "payload_len") == 0) {
       m->payloadLen = getLong();
-      hasPayloadLen = true;
     } else if (std::strcmp(key, "amqp_payload") == 0) {
       const char* k;
       const uint8_t* data = nullptr;
@@ -672,7 +663,7 @@ int MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
         }
         case BsonIterator::OBJECT:
           MPALIB_LOG(zel::kLogError)
-              .addTag("errorCode:MPA108")
+              .addTag(tag::MPA108)
               .format("%sUnsupported Key %s of type BSON, ignoring.\n", logPrefix_, key);
           break;
         case BsonIterator::BINARY: {
@@ -680,7 +671,7 @@ int MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
           size_t size = 0;
           it.getBinary(k, data, size);
           MPALIB_LOG(zel::kLogError)
-              .addTag("errorCode:MPA108")
+              .addTag(tag::MPA108)
               .format("%sUnexpected Key = %s of Raw type and len %zu.\n", logPrefix_,
                       key, size);
           break;
@@ -694,26 +685,25 @@ int MpaLibClient::FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m) {
   }
   if (it.isCorrupt()) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA131")
-        .format("%sMalformed BSON document from MPA for client %s", logPrefix_,
-                appType_.c_str());
-    return -2006;
+        .addTag(tag::MPA131)
+        .format("%sDropped a frame of %zu bytes from MPA for client %s: its elements run "
+                "past its end",
+                logPrefix_, len, appType_.c_str());
+    return false;
   }
-  // The application reads payloadLen bytes at payload: never more than the
-  // binary holds, and never bytes that are not there.
-  if (m->payload != nullptr && !hasPayloadLen) {
-    m->payloadLen = static_cast<int64_t>(binaryLen);
-  }
+  // payload_len is delivered as the MPA sent it (0 when absent), except that
+  // the application, which reads payloadLen bytes at payload, is never sent
+  // to bytes that are not there.
   const size_t available = m->payload != nullptr ? binaryLen : 0;
-  if (m->payloadLen < 0 || static_cast<uint64_t>(m->payloadLen) > available) {
+  if (m->payloadLen > 0 && static_cast<uint64_t>(m->payloadLen) > available) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA131")
-        .format("%spayload_len %ld exceeds the %zu payload bytes for client %s",
-                logPrefix_, static_cast<long>(m->payloadLen), available,
-                appType_.c_str());
-    return -2006;
+        .addTag(tag::MPA131)
+        .format("%sDropped a frame from MPA for client %s: payload_len %ld exceeds the %zu "
+                "payload bytes",
+                logPrefix_, appType_.c_str(), static_cast<long>(m->payloadLen), available);
+    return false;
   }
-  return 0;
+  return true;
 }
 
 int MpaLibClient::Close(bool notify) {
@@ -731,12 +721,13 @@ int MpaLibClient::Close(bool notify) {
     socket_->Close();
   } catch (const SocketException& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%sSocket Close Exception for client(%s): %s.\n", logPrefix_,
                 appType_.c_str(), e.what());
-    result = -1;
+    result = kMpaFailure;
   }
-  socket_.reset();
+  // The closed socket stays (descriptor -1): later calls fail on it as
+  // socket errors, and GetCookieId() answers -1.
   lock.unlock();
 
   if (!notify) {
@@ -746,9 +737,9 @@ int MpaLibClient::Close(bool notify) {
   }
   if (callback_ == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA130")
+        .addTag(tag::MPA130)
         .format("%sInvalid callback for client(%s) ", logPrefix_, appType_.c_str());
-    return -2026;
+    return kMpaNoCallback;
   }
   MPALIB_LOG(zel::kLogInfo)
       .format("%sSending RMQ_CLIENT_CLOSE msg for client(%s) with cookie(%d)", logPrefix_,
@@ -756,7 +747,7 @@ int MpaLibClient::Close(bool notify) {
   // Nothing arrived on the wire: the close travels to the application as if it
   // were a message, in a block the application frees like any other.
   char* appType = strdup(appType_.c_str());
-  if (appType == nullptr) return -2000;
+  if (appType == nullptr) return kMpaOutOfMemory;
   rmqClientMessage message;
   std::memset(&message, 0, sizeof message);
   message.messageType = RMQ_CLIENT_CLOSE;

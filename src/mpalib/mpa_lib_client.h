@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "mpalib/mpa_lib_result.h"
 #include "mpalib/rmq_client_message.h"
 
 struct bson;
@@ -51,11 +52,14 @@ class MpaLibClient {
   MpaLibClient& operator=(const MpaLibClient&) = delete;
 
   // Reads once (at most 2000 bytes) and delivers every message completed by
-  // the read, synchronously, on the calling thread. Returns 0, -2020 when
-  // nothing could be read, or -1 when the socket failed, the peer closed, or
-  // a message could not be delivered. A malformed value of a known key
-  // throws a heap-allocated BsonException (the catcher deletes it); the
-  // message is dropped first.
+  // the read, synchronously, on the calling thread. Returns 0,
+  // kMpaNothingRead when nothing could be read, or kMpaFailure when the
+  // socket failed, the peer closed, or a message could not be delivered. A
+  // frame that cannot be read without going outside its bytes (elements that
+  // run past its end, a payload_len above its payload) is dropped with an
+  // MPA131 line and does not count as a failure. A malformed value of a
+  // known key throws a heap-allocated BsonException (the catcher deletes it);
+  // the message is dropped first.
   virtual int Receive();
   // Sends one data message with `sessionId`. When `messageIdOut` is given
   // (kMpaMessageIdSize bytes) it receives "<session>:<sequence>",
@@ -63,10 +67,12 @@ class MpaLibClient {
   // or a negative result code.
   virtual int Send(const rmqClientMessage* message, const char* sessionId,
                    char* messageIdOut);
-  // Closes the socket. With `notify`, the callback then receives a
-  // RMQ_CLIENT_CLOSE record (type 5) carrying the old cookie; its rawBuffer
-  // is a heap copy of the application type. Returns 0, -1 when the close
-  // failed, -2026 when there is no callback to notify.
+  // Closes the socket's descriptor; the socket object stays, so later calls
+  // fail on it as socket errors and GetCookieId() answers -1. With `notify`,
+  // the callback then receives a RMQ_CLIENT_CLOSE record (type 5) carrying
+  // the cookie the client had (-1 when it was closed already); its rawBuffer
+  // is a heap copy of the application type. Returns 0, kMpaFailure when the
+  // close failed, kMpaNoCallback when there is no callback to notify.
   virtual int Close(bool notify);
   // Connects (blocking, TCP_NODELAY) and sends the registration with the
   // optional `headers` (a finished document). On success returns 0, stores
@@ -75,7 +81,8 @@ class MpaLibClient {
   // leaves -1 in `cookieOut` and closes the socket.
   virtual int Init(const char* ip, const char* port, const bson* headers,
                    int* cookieOut);
-  // The descriptor under the client mutex, or -1 without a socket.
+  // The descriptor under the client mutex: -1 once closed, and -1 with an
+  // MPA132 line when no socket was ever made.
   virtual int GetCookieId();
   // The same without the mutex; the caller serialises.
   virtual int GetSocketDescriptor();
@@ -100,12 +107,14 @@ class MpaLibClient {
   // Feeds one chunk of the stream to the assembler; one status per message
   // completed (or failed) in it.
   std::vector<int> AssembleChunk_(const uint8_t* chunk, size_t len);
-  // Starts a message of `length` bytes; 0, -2000 or -2006.
+  // Starts a message of `length` bytes; 0, kMpaOutOfMemory or
+  // kMpaInvalidLength.
   int StartMessage_(uint32_t length);
   // Hands the completed message to the callback.
   int Deliver_();
-  // Fills `m` from the document; 0 or -2006 for a malformed document.
-  int FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m);
+  // Fills `m` from the frame's document; false (logged) when the frame must
+  // be dropped because reading it would go outside its bytes.
+  bool FillRecord_(uint8_t* doc, size_t len, rmqClientMessage* m);
   // Forgets the assembler state; frees the message buffer when `free`.
   void ResetAssembler_(bool free);
   std::string NewSessionId_();

@@ -17,6 +17,7 @@
 #include "mpalib/mpa_lib_client.h"
 #include "mpalib/mpa_lib_exceptions.h"
 #include "mpalib/mpa_lib_registry.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelMpa {
 
@@ -41,17 +42,27 @@ int MpaLibListener::Select(int nfds, fd_set* readfds, long sec, long usec) {
   return ::select(nfds, readfds, nullptr, nullptr, &timeout);
 }
 
+void MpaLibListener::IdleWait(std::chrono::milliseconds wait) {
+  std::unique_lock<std::mutex> wake(wakeMutex_);
+  wakeCond_.wait_for(wake, wait, [this] { return !running_; });
+}
+
+void MpaLibListener::DetachThreadForTest() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (thread_.joinable()) thread_.detach();
+}
+
 void MpaLibListener::Start(std::function<void()> onRunning) {
   std::unique_lock<std::recursive_mutex> lock(mutex_);
   if (!registry_) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA136")
+        .addTag(tag::MPA136)
         .format("%sNo registry detected; unable to start loop", logPrefix_);
     throw NoRegistryError();
   }
   if (running_) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA138")
+        .addTag(tag::MPA138)
         .format("%sAttempted to start a loop thread when one already exists\n", logPrefix_);
     throw ExistingSelect();
   }
@@ -79,7 +90,7 @@ void MpaLibListener::Start(std::function<void()> onRunning) {
     thread_ = std::move(started);
   } catch (const std::exception& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA137")
+        .addTag(tag::MPA137)
         .format("%sFailed to start loop thread: %s", logPrefix_, e.what());
   }
   const clock_t begin = clock();
@@ -87,7 +98,7 @@ void MpaLibListener::Start(std::function<void()> onRunning) {
   }
   if (!thread_.joinable()) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA137")
+        .addTag(tag::MPA137)
         .format("%sFailed to start loop before timeout", logPrefix_);
     running_ = false;
     std::lock_guard<std::mutex> exited(exitedMutex_);
@@ -106,9 +117,7 @@ void MpaLibListener::Loop_() {
       fd_set readable;
       const int maxFd = registry_->Snapshot(&readable);
       if (maxFd == -1) {
-        std::unique_lock<std::mutex> wake(wakeMutex_);
-        wakeCond_.wait_for(wake, std::chrono::seconds(kIdleSleepSeconds),
-                           [this] { return !running_; });
+        IdleWait(std::chrono::seconds(kIdleSleepSeconds));
         continue;
       }
       const int ready = Select(maxFd + 1, &readable, kSelectTimeoutSeconds, 0);
@@ -144,7 +153,7 @@ void MpaLibListener::Loop_() {
     // Typically an exception out of an application callback: the loop cannot
     // tell which client is sound, so it ends and closes them all.
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%sException in listener loop: %s", logPrefix_, failure.c_str());
     running_ = false;
     MPALIB_LOG(zel::kLogInfo).format("%sClosing all registry entries", logPrefix_);
@@ -152,7 +161,7 @@ void MpaLibListener::Loop_() {
       registry_->Clear(true);
     } catch (...) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA101")
+          .addTag(tag::MPA101)
           .format("%sException while closing registry entries", logPrefix_);
     }
   }
@@ -168,7 +177,7 @@ void MpaLibListener::Process_(int fd) {
   std::shared_ptr<MpaLibClient> client = registry_->Get(fd);
   if (!client) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA136")
+        .addTag(tag::MPA136)
         .format("%sFailed to find client with index %d in registry", logPrefix_, fd);
     registry_->Remove(fd, true);
     return;
@@ -188,7 +197,7 @@ void MpaLibListener::Process_(int fd) {
   }
   if (failure != nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%sException while receiving on client %d: %s", logPrefix_, fd, failure);
   }
   // The stream of this client can no longer be trusted: drop it and tell the
@@ -214,7 +223,7 @@ bool MpaLibListener::Stop(bool notify) {
     try {
       if (!thread_.try_join_for(boost::chrono::seconds(kStopWaitSeconds))) {
         MPALIB_LOG(zel::kLogError)
-            .addTag("errorCode:MPA137")
+            .addTag(tag::MPA137)
             .format("%sListen loop still running; timed join failed", logPrefix_);
         return false;
       }
@@ -233,14 +242,14 @@ bool MpaLibListener::Stop(bool notify) {
     if (!exitedCond_.wait_for(exited, std::chrono::seconds(kStopWaitSeconds),
                               [this] { return exited_; })) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA116")
+          .addTag(tag::MPA116)
           .format("Time out waiting for listen loop to exit in BC mode");
       return false;
     }
     MPALIB_LOG(zel::kLogInfo).format("BC mode is true. listener loop exited");
   } else {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA137")
+        .addTag(tag::MPA137)
         .format("%sListener thread not joinable", logPrefix_);
     return false;
   }

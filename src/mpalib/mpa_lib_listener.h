@@ -17,6 +17,7 @@
 #include <sys/select.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -51,9 +52,16 @@ class MpaLibListener : public std::enable_shared_from_this<MpaLibListener> {
   bool Stop(bool notify);
   bool IsRunning() const { return running_.load(); }
 
+  // Lets go of the loop thread's handle, as if it could not be joined; the
+  // loop runs on until stopped and then ends unjoined. Tests only.
+  void DetachThreadForTest();
+
  protected:
-  // select(nfds, readfds, null, null, {sec, usec}); a seam for tests.
+  // The two waits of the loop, seams for tests. Select is
+  // select(nfds, readfds, null, null, {sec, usec}); IdleWait waits `wait`
+  // while no client is registered, returning early when Stop() is called.
   virtual int Select(int nfds, fd_set* readfds, long sec, long usec);
+  virtual void IdleWait(std::chrono::milliseconds wait);
 
  private:
   void Loop_();

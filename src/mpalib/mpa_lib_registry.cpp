@@ -6,6 +6,8 @@
 #include "cpp/lib/common/logger.h"
 #include "mpalib/mpa_lib_client.h"
 #include "mpalib/mpa_lib_exceptions.h"
+#include "mpalib/mpa_lib_result.h"
+#include "util/mpa_error_tags.h"
 
 namespace ZelMpa {
 
@@ -16,15 +18,15 @@ int MpaLibRegistry::Add(int id, std::shared_ptr<MpaLibClient> client) {
   if (clients_.size() >= kMaxClients) throw RegistrySizeError();
   if (id < 0 || id >= FD_SETSIZE) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA139")
+        .addTag(tag::MPA139)
         .format("%sClient descriptor %d cannot be watched by select", logPrefix_, id);
     throw RegistrySizeError();
   }
   if (clients_.count(id) != 0 && FD_ISSET(id, &set_)) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA139")
+        .addTag(tag::MPA139)
         .format("%sClient with same cookie id already exists in registry", logPrefix_);
-    return -1;
+    return kMpaFailure;
   }
   clients_[id] = std::move(client);
   FD_SET(id, &set_);
@@ -42,7 +44,7 @@ int MpaLibRegistry::Remove(int id, bool notify) {
     auto it = clients_.find(id);
     if (it == clients_.end()) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA143")
+          .addTag(tag::MPA143)
           .format("%sClient with index %d not found in registry\n", logPrefix_, id);
     } else {
       client = std::move(it->second);
@@ -50,12 +52,12 @@ int MpaLibRegistry::Remove(int id, bool notify) {
     }
     RecomputeMax_();
   }
-  if (!client) return -2016;
+  if (!client) return kMpaClientNotFound;
   // Closed outside the lock: with `notify` the client calls the application.
   const int rc = client->Close(notify);
   if (rc < 0) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(tag::MPA101)
         .format("%sClient returned error code %d on close\n", logPrefix_, rc);
     return rc;
   }

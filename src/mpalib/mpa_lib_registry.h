@@ -33,8 +33,9 @@ class MpaLibRegistry {
   // present. Throws RegistrySizeError when kMaxClients are present or `id`
   // cannot be watched by select().
   int Add(int id, std::shared_ptr<MpaLibClient> client);
-  // Takes the client out and closes it with `notify`. Returns 0, -2016 when
-  // `id` is unknown, or the client's negative close result.
+  // Takes the client out and closes it with `notify`. Returns 0,
+  // kMpaClientNotFound when `id` is unknown, or the client's negative close
+  // result.
   int Remove(int id, bool notify);
   // Removes and closes every client.
   void Clear(bool notify);

@@ -7,7 +7,9 @@
 
 #include "cpp/lib/common/logger.h"
 #include "mpalib/mpa_lib.h"
+#include "mpalib/mpa_lib_result.h"
 #include "util/MpaException.h"
+#include "util/mpa_error_tags.h"
 
 namespace {
 
@@ -37,7 +39,7 @@ std::shared_ptr<ZelMpa::MpaLib> CurrentLib() {
 
 void LogNoEventLoop() {
   MPALIB_LOG(zel::kLogError)
-      .addTag("errorCode:MPA128")
+      .addTag(ZelMpa::tag::MPA128)
       .format("RMQCLIENTLIB: No running NETEventLoop\n");
 }
 
@@ -49,7 +51,7 @@ int NETEventLoop(void* /*arg*/) {
     std::lock_guard<std::mutex> lock(g_libMutex);
     if (g_lib) {
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA128")
+          .addTag(ZelMpa::tag::MPA128)
           .format("RMQCLIENTLIB: Existing NETEventLoop already running\n");
       return 0;
     }
@@ -60,11 +62,11 @@ int NETEventLoop(void* /*arg*/) {
     lib->Start();
   } catch (const ZelMpa::MpaException& e) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA101")
+        .addTag(ZelMpa::tag::MPA101)
         .format("RMQCLIENTLIB: NETEventLoop failed to start: %s", e.what());
   }
   MPALIB_LOG(zel::kLogError)
-      .addTag("errorCode:MPA128")
+      .addTag(ZelMpa::tag::MPA128)
       .format("RMQCLIENTLIB: NETEventLoop unexpected break\n");
   return 0;
 }
@@ -73,9 +75,9 @@ int NETRegister(const char* /*id*/, const char* name, int type, const bson* head
                 rmqClientCallback callback, const rmqClientEndpoint* endpoint) {
   if (name == nullptr || callback == nullptr) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA2")
+        .addTag(ZelMpa::tag::MPA2)
         .format("Registration Init, Invalid Arguments\n");
-    return -2003;
+    return ZelMpa::kMpaInvalidArgument;
   }
   {
     std::unique_lock<std::mutex> lock(g_readyMutex);
@@ -84,7 +86,7 @@ int NETRegister(const char* /*id*/, const char* name, int type, const bson* head
   std::shared_ptr<ZelMpa::MpaLib> lib = CurrentLib();
   if (!lib) {
     LogNoEventLoop();
-    return -2024;
+    return ZelMpa::kMpaNoEventLoop;
   }
   return lib->Init(name, type, headers, callback, endpoint);
 }
@@ -93,7 +95,7 @@ int NETClose(int cookie) {
   std::shared_ptr<ZelMpa::MpaLib> lib = CurrentLib();
   if (!lib) {
     LogNoEventLoop();
-    return -2024;
+    return ZelMpa::kMpaNoEventLoop;
   }
   return lib->CloseClient(cookie, false);
 }
@@ -102,25 +104,25 @@ int NETSend(const rmqClientMessage* message, char* messageIdOut) {
   std::shared_ptr<ZelMpa::MpaLib> lib = CurrentLib();
   if (!lib) {
     LogNoEventLoop();
-    return -2024;
+    return ZelMpa::kMpaNoEventLoop;
   }
   return lib->Send(message, messageIdOut);
 }
 
 int NETSendToHost(const rmqClientMessage* /*message*/) {
   MPALIB_LOG(zel::kLogError)
-      .addTag("errorCode:MPA2")
+      .addTag(ZelMpa::tag::MPA2)
       .format("RMQCLIENTLIB: SendToHost not supported; no-op\n");
-  return -2010;
+  return ZelMpa::kMpaUnsupported;
 }
 
 int NETStop() {
   std::shared_ptr<ZelMpa::MpaLib> lib = CurrentLib();
   if (!lib) {
     MPALIB_LOG(zel::kLogError)
-        .addTag("errorCode:MPA128")
+        .addTag(ZelMpa::tag::MPA128)
         .format("RMQCLIENTLIB: No NETEventLoop running");
-    return -2024;
+    return ZelMpa::kMpaNoEventLoop;
   }
   lib->Stop(false);
   {

@@ -23,6 +23,7 @@
 #ifndef ZEL_MPALIB_NET_API_H_
 #define ZEL_MPALIB_NET_API_H_
 
+#include "mpalib/mpa_lib_result.h"
 #include "mpalib/rmq_client_message.h"
 
 struct bson;
@@ -37,14 +38,16 @@ int NETEventLoop(void* arg);
 // registration with the optional finished `headers`. `id` is the
 // application id, which the protocol does not carry. Waits at most 1 second
 // for NETEventLoop to come up. Returns the cookie id (>= 0) that names the
-// connection, or a negative code: -2003 null name or callback or a bad port,
-// -2024 no event loop, -2018 library not running, -2001 MPA unreachable,
-// -2022 32 clients already, -2010 bad type, others as the library gives.
+// connection, or a negative code of mpa_lib_result.h: kMpaInvalidArgument
+// null name or callback or a bad port, kMpaNoEventLoop, kMpaNotStarted,
+// kMpaSocketError MPA unreachable, kMpaTooManyClients (32 already),
+// kMpaUnsupported bad type, others as the library gives.
 int NETRegister(const char* id, const char* name, int type, const bson* headers,
                 rmqClientCallback callback, const rmqClientEndpoint* endpoint);
 
 // Closes the connection of `cookie` without a RMQ_CLIENT_CLOSE record.
-// Returns 0 or a negative code (-2024 no event loop, -2016 unknown cookie).
+// Returns 0 or a negative code (kMpaNoEventLoop, kMpaClientNotFound for an
+// unknown cookie).
 int NETClose(int cookie);
 
 // Sends a data message on the connection `message->cookieId`. The library
@@ -54,12 +57,12 @@ int NETClose(int cookie);
 // receives RMQ_CLIENT_CLOSE.
 int NETSend(const rmqClientMessage* message, char* messageIdOut);
 
-// Not supported: returns -2010.
+// Not supported: returns kMpaUnsupported.
 int NETSendToHost(const rmqClientMessage* message);
 
 // Stops the loop (NETEventLoop then returns), closes every connection without
 // RMQ_CLIENT_CLOSE records and deletes the library. Takes up to 5 seconds.
-// Returns 0, or -2024 when there is no library.
+// Returns 0, or kMpaNoEventLoop when there is no library.
 int NETStop();
 
 #endif  // ZEL_MPALIB_NET_API_H_

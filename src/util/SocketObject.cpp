@@ -14,13 +14,14 @@
 #include <string>
 
 #include "cpp/lib/common/logger.h"
+#include "util/mpa_error_tags.h"
 
 // Logs "ASSERT: <file>:<line>: <what>" and aborts, whatever the log level.
 #define MPA_SOCKET_ASSERT(cond, what)                                 \
   do {                                                                \
     if (!(cond)) {                                                    \
       MPALIB_LOG(::zel::kLogError)                                    \
-          .addTag("errorCode:MPA122")                                 \
+          .addTag(::ZelMpa::tag::MPA122)                              \
           .format("ASSERT: %s:%d: " what, __FILE__, __LINE__);        \
       ::abort();                                                      \
     }                                                                 \
@@ -55,7 +56,7 @@ Socket::~Socket() {
   try {
     Close();
   } catch (const SocketException& e) {
-    MPALIB_LOG(zel::kLogError).addTag("errorCode:MPA122").format("%s", e.what());
+    MPALIB_LOG(zel::kLogError).addTag(ZelMpa::tag::MPA122).format("%s", e.what());
   }
 }
 
@@ -145,7 +146,7 @@ size_t Socket::Recv(void* buffer, size_t len) {
       int e = errno;
       if (e == EAGAIN || e == EWOULDBLOCK) break;
       MPALIB_LOG(zel::kLogError)
-          .addTag("errorCode:MPA122")
+          .addTag(ZelMpa::tag::MPA122)
           .format("Attempted to recv %zu bytes from sd %d, sock_errno = %d (%s)",
                   len - got, sd_, e, std::strerror(e));
       throw SocketError("recv", e, sd_);

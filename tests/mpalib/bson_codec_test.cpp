@@ -14,27 +14,22 @@
 #include "cpp/lib/common/logger_testing.h"
 #include "mpalib/bson_object.h"
 #include "mpalib/internal/bson_internal.h"
+#include "support/log_capture.h"
 
 namespace {
 
 using namespace bson_test;
 
-// Keeps the fatal path's log records out of the host's syslog.
-void DropSyslog(int, const char*) {}
-
 class BsonCodecTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    zel::log_testing::SetSyslogSinkForTest(&DropSyslog);
-    bson_init(&b_);
-  }
+  void SetUp() override { bson_init(&b_); }
   void TearDown() override {
     bson_destroy(&b_);
     bson_set_err_handler(nullptr);
-    zel::log_testing::SetSyslogSinkForTest(nullptr);
   }
   std::string Written() const { return std::string(b_.data, static_cast<size_t>(bson_size(&b_))); }
 
+  zel::testing::LogCapture log_;  // keeps the records out of the host's syslog
   bson b_;
 };
 
@@ -99,17 +94,16 @@ TEST_F(BsonCodecTest, GrowthKeepsContentAndStopsAtTheLargestSize) {
   EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 100, &size), BSON_ERROR);
   EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 101, &size), BSON_ERROR);
   EXPECT_EQ(size, -7);
-}
 
-TEST_F(BsonCodecTest, SizeOverflowSetsFlagAndWritesNothing) {
+  // An append that would pass the largest size sets the flag, writes nothing.
+  bson small;
+  bson_init(&small);
   const char byte = 0;  // never read: the room check fails first
-  ASSERT_EQ(bson_append_int(&b_, "a", 1), BSON_OK);
-  const int before = bson_size(&b_);
-  EXPECT_EQ(bson_append_binary(&b_, "b", BSON_BIN_GENERIC, &byte, INT32_MAX - 8), BSON_ERROR);
-  EXPECT_EQ(b_.err, BSON_ERR_SIZE_OVERFLOW);
-  EXPECT_EQ(bson_size(&b_), before);
-  EXPECT_EQ(bson_finish(&b_), BSON_OK);
-  EXPECT_EQ(Written(), Doc(Elem(16, "a", Le32(1))));
+  EXPECT_EQ(bson_append_binary(&small, "b", BSON_BIN_GENERIC, &byte, INT32_MAX - 8), BSON_ERROR);
+  EXPECT_EQ(small.err, BSON_ERR_SIZE_OVERFLOW);
+  EXPECT_EQ(bson_finish(&small), BSON_OK);
+  EXPECT_EQ(std::string(small.data, 5), Doc(""));
+  bson_destroy(&small);
 }
 
 std::vector<std::string> g_hookCalls;
@@ -222,18 +216,22 @@ bool WalkEverything(bson_iterator* it, int depth = 0) {
 struct UnknownType {};
 [[noreturn]] void ThrowOnFatal(const char*) { throw UnknownType(); }
 
+// How a walk is bounded: by the length field alone, by the length field and
+// the bytes there are, or as a protocol frame (the bytes there are, up to
+// the first terminator).
+enum Walk { kOwnLength, kBounded, kFrame };
+
 // Walks an exact-size heap copy so that ASan sees any read past the end.
-// Returns -1 when the walk reached the fatal unknown-type path.
-int WalkCopy(const std::string& bytes, bool bounded) {
+// Returns 1 when the walk ended on corrupt bytes, 0 when it ended well, -1
+// when it reached the fatal unknown-type path.
+int WalkCopy(const std::string& bytes, Walk walk) {
   std::unique_ptr<char[]> copy(new char[bytes.size()]);
   memcpy(copy.get(), bytes.data(), bytes.size());
   try {
     bson_iterator it;
-    if (bounded) {
-      bson_iterator_from_buffer_n(&it, copy.get(), bytes.size());
-    } else {
-      bson_iterator_from_buffer(&it, copy.get());
-    }
+    if (walk == kOwnLength) bson_iterator_from_buffer(&it, copy.get());
+    if (walk == kBounded) bson_iterator_from_buffer_n(&it, copy.get(), bytes.size());
+    if (walk == kFrame) bson_iterator_from_frame(&it, copy.get(), bytes.size());
     return WalkEverything(&it) ? 1 : 0;
   } catch (const UnknownType&) {
     return -1;
@@ -248,18 +246,20 @@ class BsonDamageTest : public ::testing::Test {
 
 TEST_F(BsonDamageTest, EveryTruncationIsCorruptAndStaysInBounds) {
   const std::string doc = AllTypesDoc();
-  ASSERT_EQ(WalkCopy(doc, true), 0);  // every published type, walked whole
+  for (Walk walk : {kOwnLength, kBounded, kFrame}) {
+    ASSERT_EQ(WalkCopy(doc, walk), 0);  // every published type, walked whole
+  }
   for (size_t len = 0; len < doc.size(); ++len) {
     const std::string cut = doc.substr(0, len);
+    EXPECT_EQ(WalkCopy(cut, kFrame), 1) << "frame cut at " << len;
     if (len >= 4) {
-      EXPECT_EQ(WalkCopy(cut, true), 1) << "cut at " << len;
+      EXPECT_EQ(WalkCopy(cut, kBounded), 1) << "cut at " << len;
       // The same prefix with its length field rewritten to match.
       std::string relabelled = cut;
       relabelled.replace(0, 4, Le32(static_cast<int32_t>(len)));
-      EXPECT_EQ(WalkCopy(relabelled, false), 1) << "relabelled at " << len;
+      EXPECT_EQ(WalkCopy(relabelled, kOwnLength), 1) << "relabelled at " << len;
     } else {
-      std::string padded = cut + std::string(4 - len, '\0');
-      EXPECT_EQ(WalkCopy(padded, true), 1);
+      EXPECT_EQ(WalkCopy(cut + std::string(4 - len, '\0'), kBounded), 1);
     }
   }
 }
@@ -272,11 +272,18 @@ TEST_F(BsonDamageTest, EveryByteFlipIsWalkedWithoutReadingOutside) {
     for (unsigned char mask : masks) {
       std::string bad = doc;
       bad[pos] = static_cast<char>(bad[pos] ^ mask);
-      const int bounded = WalkCopy(bad, true);
+      const int bounded = WalkCopy(bad, kBounded);
       // Bounded or not, the same bytes give the same verdict when the length
       // field is intact; a damaged length field is caught by the bounded walk.
       if (pos >= 4) {
-        EXPECT_EQ(WalkCopy(bad, false), bounded) << pos;
+        EXPECT_EQ(WalkCopy(bad, kOwnLength), bounded) << pos;
+      }
+      // A frame walk ignores the length field and stays inside the bytes
+      // too; it meets no unknown type the bounded walk did not, except in
+      // the last byte, which it reads as an element head.
+      const int frame = WalkCopy(bad, kFrame);
+      if (pos + 1 < doc.size() && bounded != -1) {
+        EXPECT_NE(frame, -1) << pos;
       }
       corrupt += bounded == 1;
       fatal += bounded == -1;
@@ -286,26 +293,47 @@ TEST_F(BsonDamageTest, EveryByteFlipIsWalkedWithoutReadingOutside) {
   EXPECT_GT(fatal, 0);  // flipped type bytes above 18 take the fatal path
 }
 
+// Every lying length is corrupt to a bounded walk. A frame walk reads no
+// length field of its own and ends at the first terminator, so it reads some
+// of these as whole; it never reads outside the bytes either.
 TEST_F(BsonDamageTest, LengthFieldsThatLieAreCorrupt) {
-  const std::string inner = Elem(3, "o", Le32(100) + std::string(1, '\0'));
-  const std::string cases[] = {
-      Doc(Elem(2, "s", Le32(50) + "ab" + std::string(1, '\0'))),       // string past the end
-      Doc(Elem(2, "s", Le32(0) + std::string(1, '\0'))),                // string without room for NUL
-      Doc(Elem(2, "s", Le32(3) + "abc")),                               // string not NUL-terminated
-      Doc(Elem(2, "s", Le32(-5) + "ab" + std::string(1, '\0'))),        // negative
-      Doc(Elem(5, "b", Le32(-1) + std::string(1, '\0'))),               // negative binary
-      Doc(Elem(5, "b", Le32(2) + "\x02" + "ab")),                       // legacy without inner length
-      Doc(inner),                                                       // sub-document past the end
-      Doc(Elem(3, "o", Le32(4) + std::string(1, '\0'))),                // sub-document too short
-      Doc(Elem(16, "i", "ab")),                                         // value cut
-      Doc(Elem(11, "re", "abc")),                                       // pattern without options
-      Le32(7) + std::string("\x0Ak\x00", 3),                            // no closing NUL
-      Doc(Elem(16, "i", Le32(1))).replace(0, 4, Le32(3)),               // length below 5
-      Doc(Elem(16, "i", Le32(1)) + std::string(1, '\0') + "junk"),      // bytes after an early end
+  const std::string nul(1, '\0');
+  const std::string intDoc = Doc(Elem(16, "i", Le32(1)));
+  const struct {
+    std::string bytes;
+    int frame;  // the frame walk's verdict
+  } cases[] = {
+      {Doc(Elem(2, "s", Le32(50) + "ab" + nul)), 1},          // string past the end
+      {Doc(Elem(2, "s", Le32(0) + nul)), 1},                  // string without room for NUL
+      {Doc(Elem(2, "s", Le32(3) + "abc")), 1},                // string not NUL-terminated
+      {Doc(Elem(2, "s", Le32(-5) + "ab" + nul)), 1},          // negative
+      {Doc(Elem(5, "b", Le32(-1) + nul)), 1},                 // negative binary
+      {Doc(Elem(5, "b", Le32(2) + "\x02" + "ab")), 1},         // legacy without inner length
+      {Doc(Elem(3, "o", Le32(100) + nul)), 1},                // sub-document past the end
+      {Doc(Elem(3, "o", Le32(4) + nul)), 1},                  // sub-document too short
+      {Doc(Elem(16, "i", "ab")), 1},                          // value cut
+      {Doc(Elem(11, "re", "abc")), 1},                        // pattern without options
+      {Le32(7) + std::string("\x0Ak\x00", 3), 1},             // no closing NUL
+      {intDoc.substr(0, 11) + "\x01", 1},                     // an element head in the last byte
+      {Le32(4), 1},                                           // fewer than 5 bytes
+      {std::string(intDoc).replace(0, 4, Le32(3)), 0},        // length below 5
+      {std::string(intDoc).replace(0, 4, Le32(100)), 0},      // length above the bytes
+      {Doc(Elem(16, "i", Le32(1)) + nul + "junk"), 0},        // bytes after an early end
   };
-  for (const std::string& c : cases) {
-    EXPECT_EQ(WalkCopy(c, true), 1) << testing::PrintToString(c);
+  for (const auto& c : cases) {
+    EXPECT_EQ(WalkCopy(c.bytes, kBounded), 1) << testing::PrintToString(c.bytes);
+    EXPECT_EQ(WalkCopy(c.bytes, kFrame), c.frame) << testing::PrintToString(c.bytes);
   }
+  // The frame walk hands out the elements it passed: here the one int32.
+  const std::string frame = Doc(Elem(16, "i", Le32(1)) + nul + "junk");
+  bson_iterator it;
+  bson_iterator_from_frame(&it, frame.data(), frame.size());
+  ASSERT_EQ(bson_iterator_next(&it), BSON_ELEM_INT);
+  EXPECT_EQ(bson_iterator_int(&it), 1);
+  EXPECT_EQ(bson_iterator_next(&it), BSON_ELEM_EOO);
+  EXPECT_FALSE(bson_iterator_corrupt(&it));
+  // The empty document is whole to every walk at exactly its 5 bytes.
+  for (Walk walk : {kOwnLength, kBounded, kFrame}) EXPECT_EQ(WalkCopy(Doc(""), walk), 0);
 }
 
 // ---- Fatal paths ----------------------------------------------------------
@@ -313,18 +341,19 @@ TEST_F(BsonDamageTest, LengthFieldsThatLieAreCorrupt) {
 void* FailingMalloc(size_t) { return nullptr; }
 void* FailingRealloc(void*, size_t) { return nullptr; }
 
-// The child echoes its log records to standard error next to the line the
-// codec writes there itself, so both can be matched.
-void EchoLogToStderr() {
-  zel::log_testing::SetSyslogSinkForTest(&DropSyslog);
-  zel::log_testing::SetConsoleEchoForTest(stderr);
-}
-
 void HookToStderr(const char* msg) { fprintf(stderr, "hook saw <%s>\n", msg); }
 
+// The child echoes its log records to standard error next to the line the
+// codec writes there itself, so both can be matched.
 class BsonFatalDeathTest : public ::testing::Test {
  protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    zel::log_testing::SetConsoleEchoForTest(stderr);
+  }
+  void TearDown() override { zel::log_testing::SetConsoleEchoForTest(nullptr); }
+
+  zel::testing::LogCapture log_;
 };
 
 // Allocation failures and unknown element types end the process with -5,
@@ -332,7 +361,6 @@ class BsonFatalDeathTest : public ::testing::Test {
 TEST_F(BsonFatalDeathTest, FatalPathsExitWithMinusFive) {
   EXPECT_EXIT(
       {
-        EchoLogToStderr();
         bson_set_allocators_ForTest(&FailingMalloc, nullptr);
         bson b;
         bson_init(&b);
@@ -341,7 +369,6 @@ TEST_F(BsonFatalDeathTest, FatalPathsExitWithMinusFive) {
       "error: malloc\\(\\) failed\n(.|\n)*mpalib.*error: malloc\\(\\) failed");
   EXPECT_EXIT(
       {
-        EchoLogToStderr();
         bson_set_allocators_ForTest(nullptr, &FailingRealloc);
         ZelMpa::BSON doc;
         doc.appendString("big", std::string(200, 'x').c_str());
@@ -350,7 +377,6 @@ TEST_F(BsonFatalDeathTest, FatalPathsExitWithMinusFive) {
   const std::string doc = Doc(Elem(16, "ok", Le32(1)) + Elem(19, "dec", std::string(16, '\0')));
   EXPECT_EXIT(
       {
-        EchoLogToStderr();
         bson_set_err_handler(&HookToStderr);
         bson_iterator it;
         bson_iterator_from_buffer(&it, doc.data());

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 
-#include <chrono>
 #include <cstring>
 #include <memory>
 #include <regex>
@@ -12,41 +11,17 @@
 #include <gtest/gtest.h>
 
 #include "cpp/lib/common/logger_testing.h"
-#include "mpa_test_peer.h"
 #include "mpalib/bson_object.h"
+#include "mpalib/mpa_test_peer.h"
+#include "support/log_capture.h"
 
 namespace ZelMpa {
 namespace {
 
-using mpa_test::Bytes;
-using mpa_test::Doc;
-using mpa_test::Element;
-using mpa_test::FakeMpa;
-using mpa_test::Frame;
-using mpa_test::Inbox;
-using mpa_test::LogLines;
-using mpa_test::Received;
+using namespace mpa_test;
 
 constexpr const char* kApp = "DORN_FABRIC_APPLICATION";
-
-bool IsUuidText(const std::string& s) {
-  static const std::regex uuid("^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}$");
-  return std::regex_match(s, uuid);
-}
-
-// Element keys and types in document order, e.g. "msg_type:18".
-std::vector<std::string> Layout(const std::vector<Element>& elements) {
-  std::vector<std::string> out;
-  for (const Element& e : elements) out.push_back(e.key + ":" + std::to_string(e.type));
-  return out;
-}
-
-const Element* Find(const std::vector<Element>& elements, const std::string& key) {
-  for (const Element& e : elements) {
-    if (e.key == key) return &e;
-  }
-  return nullptr;
-}
+constexpr std::chrono::milliseconds kNow{0};
 
 // A client registered with the fake MPA: its cookie, the MPA's end of the
 // connection and the registration document the MPA read.
@@ -57,417 +32,324 @@ struct Conn {
   std::vector<Element> registration;
 };
 
-rmqClientMessage Message(int32_t type, const char* contentType, const char* routingKey) {
+rmqClientMessage Message(const char* contentType, const char* routingKey) {
   rmqClientMessage m;
   std::memset(&m, 0, sizeof m);
-  m.messageType = type;
+  m.messageType = 3;
   m.amqpContentType = contentType;
   m.amqpRoutingKey = routingKey;
   return m;
 }
 
+Bytes TypeFrame(int64_t type) { return Frame(Doc().Int64("msg_type", type).Finish()); }
+
+const Bytes kHeaders = Doc().String("amqp_correlationId", "corr-1").Finish();
+const Bytes kFullDataDoc = Doc()
+                               .Int64("msg_type", 8)
+                               .String("app_type", kApp)
+                               .String("app_id", "mp-app")
+                               .Int64("mp-version", (int64_t{7} << 32) | 3)
+                               .Object("amqp_headers", kHeaders)
+                               .String("amqp_routing_key", "rk")
+                               .String("content_type", "application/protobuf")
+                               .Int64("payload_len", 4)
+                               .Binary("amqp_payload", Bytes{1, 2, 3, 4})
+                               .String("amqp_correlationId", "dropped")
+                               .String("amqp_replyTo", "dropped")
+                               .Finish();
+
 class MpaLibClientTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    zel::log_testing::SetUpLoggerForTest("TRIVIA", "DEVLOG", "/nonexistent");
-    zel::log_testing::SetSyslogSinkForTest(&LogLines::Sink);
-    LogLines::Clear();
-    Inbox::Clear();
-  }
+  void SetUp() override { Inbox::Clear(); }
 
   Conn Open(int connectionType = 1, const bson* headers = nullptr,
             rmqClientCallback callback = &Inbox::Callback) {
     Conn c;
     c.client = std::make_unique<MpaLibClient>(kApp, connectionType, callback);
-    EXPECT_EQ(0, c.client->Init("127.0.0.1", mpa_.portText().c_str(), headers, &c.cookie));
+    EXPECT_EQ(kMpaOk, c.client->Init("127.0.0.1", mpa_.portText().c_str(), headers, &c.cookie));
     c.peer = mpa_.Accept();
-    EXPECT_GE(c.peer, 0);
-    c.registration = ReadMessage(c.peer);
+    c.registration = FakeMpa::ReadDoc(c.peer);
     return c;
   }
-
-  // The document the library wrote next on `peer`.
-  static std::vector<Element> ReadMessage(int peer) {
-    Bytes doc;
-    std::vector<Element> elements;
-    EXPECT_TRUE(FakeMpa::ReadFrame(peer, &doc));
-    EXPECT_TRUE(mpa_test::ParseDoc(doc, &elements));
-    return elements;
-  }
-
   // Writes `bytes` and lets the client read once they are there.
   static int Feed(Conn& c, const Bytes& bytes) {
-    EXPECT_TRUE(mpa_test::WriteAll(c.peer, bytes));
-    EXPECT_TRUE(mpa_test::WaitReadable(c.cookie));
+    EXPECT_TRUE(WriteAll(c.peer, bytes) && WaitReadable(c.cookie));
     return c.client->Receive();
   }
 
-  static Bytes FullDataDoc() {
-    return Doc()
-        .Int64("msg_type", 8)
-        .String("app_type", kApp)
-        .String("app_id", "mp-app")
-        .Int64("mp-version", (int64_t{7} << 32) | 3)
-        .Object("amqp_headers",
-                Doc().String("amqp_correlationId", "corr-1").String("amqp_replyTo", "q").Finish())
-        .String("amqp_routing_key", "rk")
-        .String("content_type", "application/protobuf")
-        .Int64("payload_len", 4)
-        .Binary("amqp_payload", Bytes{1, 2, 3, 4})
-        .String("amqp_correlationId", "dropped")
-        .String("amqp_replyTo", "dropped")
-        .Finish();
-  }
-
+  zel::testing::LogCapture log_;
   FakeMpa mpa_;
 };
 
-TEST_F(MpaLibClientTest, RegistrationFrameLayoutAndCookie) {
+TEST_F(MpaLibClientTest, RegistrationsAndDataMessagesHaveTheirLayout) {
   Conn c = Open();
-  const std::vector<Element>& reg = c.registration;
-  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2",
-                                      "amqp-message-id:2", "session-id:2"}),
-            Layout(reg));
-  EXPECT_EQ(1, reg[0].i64);
-  EXPECT_EQ(kApp, reg[1].text);
-  EXPECT_EQ("zel", reg[2].text);
-  EXPECT_TRUE(std::regex_match(reg[3].text, std::regex("^[1-9][0-9]*$")));
-  EXPECT_EQ("no-session", reg[4].text);
-
-  // The cookie is the connected descriptor, non-blocking from here on.
+  ASSERT_EQ(5u, c.registration.size());
+  const std::string id = c.registration[3].text;
+  EXPECT_TRUE(std::regex_match(id, std::regex("^[1-9][0-9]*$")));
+  EXPECT_EQ("msg_type=1 app_type=\"DORN_FABRIC_APPLICATION\" app_id=\"zel\" amqp-message-id=\"" +
+                id + "\" session-id=\"no-session\"",
+            Render(c.registration));
+  // The cookie is the connected descriptor, non-blocking from here on, and a
+  // session is drawn.
   EXPECT_EQ(c.cookie, c.client->GetCookieId());
   EXPECT_TRUE(fcntl(c.cookie, F_GETFL) & O_NONBLOCK);
-  EXPECT_TRUE(IsUuidText(c.client->GetSessionId())) << c.client->GetSessionId();
-
-  // Every registration draws a fresh session and a higher message id;
-  // connection type 3 registers as type 6, with the headers given.
-  BSON headers;
-  ASSERT_EQ(0, headers.appendString("vertical", "dorn"));
-  ASSERT_EQ(0, headers.finish());
-  Conn second = Open(3, headers.raw());
-  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:2", "amqp_headers:3",
-                                      "amqp-message-id:2", "session-id:2"}),
-            Layout(second.registration));
-  EXPECT_EQ(6, second.registration[0].i64);
-  EXPECT_EQ(Doc().String("vertical", "dorn").Finish(), second.registration[3].bytes);
-  EXPECT_NE(c.client->GetSessionId(), second.client->GetSessionId());
-  EXPECT_GT(std::stoull(second.registration[4].text), std::stoull(reg[3].text));
-}
-
-TEST_F(MpaLibClientTest, InitFailures) {
-  int cookie = 5;
-  MpaLibClient client(kApp, 1, &Inbox::Callback);
-  EXPECT_EQ(-2003, client.Init(nullptr, "1", nullptr, &cookie));
-  EXPECT_EQ(-1, cookie);
-  EXPECT_EQ(-2003, client.Init("127.0.0.1", nullptr, nullptr, &cookie));
-  for (int hcom : {2, 4}) {
-    EXPECT_EQ(-1, MpaLibClient(kApp, hcom, &Inbox::Callback).Init("127.0.0.1", "1", nullptr, &cookie));
-  }
-  EXPECT_TRUE(LogLines::Contains({"MPA122", "HCOM is not supported in this release"}));
-  EXPECT_EQ(-2010, MpaLibClient(kApp, 9, &Inbox::Callback).Init("127.0.0.1", "1", nullptr, &cookie));
-  EXPECT_TRUE(LogLines::Contains({"MPA129", "Invalid client connection type specified 9"}));
-
-  // Nothing listens: a socket exception, reported at debug level only.
-  int port;
-  {
-    FakeMpa gone;
-    port = gone.port();
-  }
-  cookie = 5;
-  EXPECT_EQ(-2001, client.Init("127.0.0.1", std::to_string(port).c_str(), nullptr, &cookie));
-  EXPECT_EQ(-1, cookie);
-  EXPECT_EQ("no-session", client.GetSessionId());
-  EXPECT_EQ(-1, client.GetCookieId());
-  EXPECT_FALSE(LogLines::Contains({"Couldn't get a valid cookie id"}));
-  EXPECT_EQ(0u, Inbox::Size());
-}
-
-TEST_F(MpaLibClientTest, DataMessageLayout) {
-  Conn c = Open();
   const std::string session = c.client->GetSessionId();
+  EXPECT_TRUE(std::regex_match(session, std::regex("^[0-9a-f]{8}-([0-9a-f]{4}-){3}[0-9a-f]{12}$")));
+
+  // Data messages carry app_id as the boolean true, the next message id of
+  // the one global counter, and the session.
   BSON headers;
   ASSERT_EQ(0, headers.appendString("amqp_correlationId", "c-9"));
   ASSERT_EQ(0, headers.finish());
   const uint8_t payload[] = {9, 8, 7, 0, 6};
-  rmqClientMessage m = Message(3, "application/protobuf", "route");
+  rmqClientMessage m = Message("application/protobuf", "route");
   m.appType = "ignored: the client's own type is sent";
-  m.cookieId = c.cookie;
   m.amqpHeaders = headers.raw();
   m.payload = payload;
   m.payloadLen = sizeof payload;
-  char id[kMpaMessageIdSize];
-  std::memset(id, 'x', sizeof id);
-  ASSERT_EQ(0, c.client->Send(&m, session.c_str(), id));
+  char out[kMpaMessageIdSize];
+  std::memset(out, 'x', sizeof out);
+  ASSERT_EQ(kMpaOk, c.client->Send(&m, session.c_str(), out));
+  const std::string next = std::to_string(std::stoull(id) + 1);
+  EXPECT_EQ("msg_type=3 app_type=\"DORN_FABRIC_APPLICATION\" app_id=true amqp_headers=doc:" +
+                Hex(Doc().String("amqp_correlationId", "c-9").Finish()) +
+                " content_type=\"application/protobuf\" amqp_routing_key=\"route\" "
+                "amqp_payload=bin:0908070006 payload_len=5 amqp-message-id=\"" + next +
+                "\" session-id=\"" + session + "\"",
+            Render(FakeMpa::ReadDoc(c.peer)));
+  EXPECT_EQ(session + ":" + next, std::string(out));
+  for (size_t i = std::strlen(out); i < sizeof out; ++i) ASSERT_EQ('\0', out[i]) << i;
 
-  std::vector<Element> msg = ReadMessage(c.peer);
-  ASSERT_EQ((std::vector<std::string>{"msg_type:18", "app_type:2", "app_id:8", "amqp_headers:3",
-                                      "content_type:2", "amqp_routing_key:2", "amqp_payload:5",
-                                      "payload_len:18", "amqp-message-id:2", "session-id:2"}),
-            Layout(msg));
-  EXPECT_EQ(3, msg[0].i64);
-  EXPECT_EQ(kApp, msg[1].text);
-  EXPECT_EQ(1, msg[2].i64);  // boolean true, not a string, in data messages
-  EXPECT_EQ(Doc().String("amqp_correlationId", "c-9").Finish(), msg[3].bytes);
-  EXPECT_EQ("application/protobuf", msg[4].text);
-  EXPECT_EQ("route", msg[5].text);
-  EXPECT_EQ(0, msg[6].subtype);
-  EXPECT_EQ(Bytes(payload, payload + sizeof payload), msg[6].bytes);
-  EXPECT_EQ(5, msg[7].i64);
-  // One global counter numbers all messages.
-  EXPECT_EQ(std::to_string(std::stoull(c.registration[3].text) + 1), msg[8].text);
-  EXPECT_EQ(session, msg[9].text);
-  EXPECT_EQ(session + ":" + msg[8].text, std::string(id));
-  for (size_t i = std::strlen(id); i < sizeof id; ++i) ASSERT_EQ('\0', id[i]) << i;
+  // Every registration draws a fresh session; connection type 3 registers
+  // as type 6, with the headers given.
+  Conn second = Open(3, headers.raw());
+  EXPECT_EQ("msg_type=6 app_type=\"DORN_FABRIC_APPLICATION\" app_id=\"zel\" amqp_headers=doc:" +
+                Hex(Doc().String("amqp_correlationId", "c-9").Finish()) + " amqp-message-id=\"" +
+                std::to_string(std::stoull(next) + 1) + "\" session-id=\"no-session\"",
+            Render(second.registration));
+  EXPECT_NE(session, second.client->GetSessionId());
+}
+
+TEST_F(MpaLibClientTest, InitFailuresLeaveNoCookie) {
+  const std::string closedPort = FakeMpa(false).portText();
+  const struct {
+    const char *ip, *port;
+    int connectionType, rc;
+    const char* line;
+  } cases[] = {
+      {nullptr, "1", 1, kMpaInvalidArgument, "MPA2\"] MPALIBCLIENT: Unable to initialize client"},
+      {"127.0.0.1", nullptr, 1, kMpaInvalidArgument, "with null IP or port"},
+      {"127.0.0.1", "1", 2, kMpaFailure, "MPA122\"] MPALIBCLIENT: HCOM is not supported"},
+      {"127.0.0.1", "1", 4, kMpaFailure, "HCOM is not supported in this release"},
+      {"127.0.0.1", "1", 9, kMpaUnsupported, "MPA129\"] MPALIBCLIENT: Invalid client connection "
+                                             "type specified 9"},
+      // Nothing listens: a socket exception, logged at debug level only, and
+      // the socket is closed.
+      {"127.0.0.1", closedPort.c_str(), 1, kMpaSocketError, "Client triggered close"},
+  };
+  for (const auto& t : cases) {
+    log_.Clear();
+    MpaLibClient client(kApp, t.connectionType, &Inbox::Callback);
+    int cookie = 5;
+    EXPECT_EQ(t.rc, client.Init(t.ip, t.port, nullptr, &cookie)) << t.line;
+    EXPECT_EQ(-1, cookie);
+    EXPECT_EQ("no-session", client.GetSessionId());
+    EXPECT_EQ(1u, log_.Count(t.line));
+    EXPECT_EQ(0u, log_.Count("MPA101") + log_.Count("MPA132"));  // no "Couldn't get a valid cookie"
+  }
+  EXPECT_EQ(0u, Inbox::Size());
 }
 
 TEST_F(MpaLibClientTest, SendEdgeCases) {
   Conn c = Open();
   const std::string session = c.client->GetSessionId();
-  const uint8_t payload[] = {1};
   char id[kMpaMessageIdSize];
-
-  // Missing content type or routing key: -1 and nothing is written; the
-  // next frame on the wire is the valid message below.
-  rmqClientMessage m = Message(3, nullptr, "rk");
-  EXPECT_EQ(-1, c.client->Send(&m, session.c_str(), id));
+  // Missing content type or routing key: nothing is written; the next frame
+  // on the wire is the valid message below.
+  rmqClientMessage noType = Message(nullptr, "rk"), noKey = Message("ct", nullptr);
+  EXPECT_EQ(kMpaFailure, c.client->Send(&noType, session.c_str(), id));
   EXPECT_EQ(session + ":no-seq", std::string(id));
-  EXPECT_TRUE(LogLines::Contains({"amqpContentType is not specified"}));
-  m = Message(3, "ct", nullptr);
-  EXPECT_EQ(-1, c.client->Send(&m, session.c_str(), nullptr));
-  EXPECT_EQ(-2003, c.client->Send(nullptr, session.c_str(), id));
+  EXPECT_EQ(kMpaFailure, c.client->Send(&noKey, session.c_str(), nullptr));
+  EXPECT_EQ(kMpaInvalidArgument, c.client->Send(nullptr, session.c_str(), id));
   EXPECT_EQ(session + ":no-seq", std::string(id));
+  EXPECT_TRUE(log_.InOrder({"MPA125\"] MPALIBCLIENT: amqpContentType is not specified",
+                            "MPA125\"] MPALIBCLIENT: amqpRoutingKey is not specified"}));
 
   // A payload pointer with length 0 writes neither payload key; a missing
   // session is sent and reported as "no-session".
-  m = Message(3, "ct", "rk");
-  m.payload = payload;
-  ASSERT_EQ(0, c.client->Send(&m, nullptr, id));
-  std::vector<Element> msg = ReadMessage(c.peer);
-  EXPECT_EQ(nullptr, Find(msg, "amqp_payload"));
-  EXPECT_EQ(nullptr, Find(msg, "payload_len"));
-  EXPECT_EQ(nullptr, Find(msg, "amqp_headers"));
-  ASSERT_NE(nullptr, Find(msg, "session-id"));
-  EXPECT_EQ("no-session", Find(msg, "session-id")->text);
-  EXPECT_EQ("no-session:" + Find(msg, "amqp-message-id")->text, std::string(id));
+  rmqClientMessage m = Message("ct", "rk");
+  m.payload = reinterpret_cast<const uint8_t*>("x");
+  ASSERT_EQ(kMpaOk, c.client->Send(&m, nullptr, id));
+  const std::vector<Element> msg = FakeMpa::ReadDoc(c.peer);
+  ASSERT_EQ(7u, msg.size());
+  EXPECT_EQ("msg_type=3 app_type=\"DORN_FABRIC_APPLICATION\" app_id=true content_type=\"ct\" "
+            "amqp_routing_key=\"rk\" amqp-message-id=\"" + msg[5].text +
+                "\" session-id=\"no-session\"",
+            Render(msg));
+  EXPECT_EQ("no-session:" + msg[5].text, std::string(id));
 
   // Headers that are not a finished document are refused by the codec.
   BSON open;
   ASSERT_EQ(0, open.appendInt("k", 1));
   m.amqpHeaders = open.raw();
-  EXPECT_EQ(-1132, c.client->Send(&m, session.c_str(), nullptr));
-  EXPECT_TRUE(LogLines::Contains({"MPA1501", "Failed in appending bson amqpHeaders"}));
+  EXPECT_EQ(BSON_RC_NOT_FINISHED, c.client->Send(&m, session.c_str(), nullptr));
+  EXPECT_EQ(1u, log_.Count("MPA1501\"] MPALIBCLIENT: Failed in appending bson amqpHeaders"));
 
-  // After a close the send fails.
+  // After a close the socket stays without a descriptor: the send fails on
+  // it as a socket error.
   m.amqpHeaders = nullptr;
   c.client->Close(false);
-  EXPECT_EQ(-2005, c.client->Send(&m, session.c_str(), nullptr));
+  EXPECT_EQ(kMpaSendFailed, c.client->Send(&m, session.c_str(), nullptr));
+  EXPECT_TRUE(log_.InOrder({"MPA101\"] MPALIBCLIENT: SocketException: While Sending  SocketError "
+                            "on sd -1, in send",
+                            "MPA122\"] MPALIBCLIENT: Socket Send exception for client "
+                            "(DORN_FABRIC_APPLICATION): SocketError on sd -1, in send"}));
 }
 
-TEST_F(MpaLibClientTest, ReceiveDeliversEveryField) {
+TEST_F(MpaLibClientTest, ReceiveDeliversEveryFieldAndSkipsUnknownKeys) {
   Conn c = Open();
-  EXPECT_EQ(0, Feed(c, Frame(FullDataDoc())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(8, r.type);
-  EXPECT_EQ(kApp, r.appType);
-  EXPECT_EQ("mp-app", r.appId);
-  EXPECT_EQ(c.cookie, r.cookie);
-  EXPECT_EQ(7, r.major);
-  EXPECT_EQ(3, r.minor);
-  EXPECT_EQ("rk", r.routingKey);
-  EXPECT_EQ("application/protobuf", r.contentType);
-  EXPECT_EQ(4, r.payloadLen);
-  EXPECT_EQ((Bytes{1, 2, 3, 4}), r.payload);
-  ASSERT_TRUE(r.headers);
-  std::vector<Element> headers;
-  ASSERT_TRUE(mpa_test::ParseDoc(*r.headers, &headers));
-  ASSERT_EQ(2u, headers.size());
-  EXPECT_EQ("amqp_correlationId", headers[0].key);
-  EXPECT_EQ("corr-1", headers[0].text);
-  EXPECT_FALSE(r.rawBufferIsAppType);
+  EXPECT_EQ(kMpaOk, Feed(c, Frame(kFullDataDoc)));
+  EXPECT_EQ("type=8 cookie=" + std::to_string(c.cookie) +
+                " app=DORN_FABRIC_APPLICATION id=mp-app rk=rk ct=application/protobuf v=7.3 len=4 "
+                "payload=01020304 headers=" + Hex(kHeaders),
+            Describe(Inbox::Take(kNow)));
+
+  // Unknown keys are logged and skipped; missing fields stay zero.
+  EXPECT_EQ(kMpaOk, Feed(c, Frame(Doc()
+                                      .String("extra_s", "x")
+                                      .Int64("extra_l", 42)
+                                      .Object("extra_o", Doc().Finish())
+                                      .Binary("extra_b", Bytes{1, 2, 3})
+                                      .Raw(16, "extra_i", Le(1, 4))
+                                      .Raw(1, "extra_d", Le(0, 8))
+                                      .String("content_type", "ct")
+                                      .Finish())));
+  EXPECT_EQ("type=0 cookie=" + std::to_string(c.cookie) + " ct=ct len=0", Describe(Inbox::Take(kNow)));
+  EXPECT_TRUE(log_.InOrder({"MPALIBCLIENT: Unsupported string key:extra_s and value:x in BSON",
+                            "MPALIBCLIENT: Unsupported long Key extra_l and value 42 in BSON",
+                            "MPA108\"] MPALIBCLIENT: Unsupported Key extra_o of type BSON",
+                            "MPA108\"] MPALIBCLIENT: Unexpected Key = extra_b of Raw type and len 3",
+                            "MPALIBCLIENT: Nonsupported type 2", "MPALIBCLIENT: Nonsupported type 4"}));
   EXPECT_EQ(0u, Inbox::Size());
 }
 
-TEST_F(MpaLibClientTest, UnknownKeysAreLoggedAndMissingFieldsStayZero) {
+TEST_F(MpaLibClientTest, FramesAreAssembledAcrossAndWithinReads) {
   Conn c = Open();
-  EXPECT_EQ(0, Feed(c, Frame(Doc()
-                                 .String("extra_s", "x")
-                                 .Int64("extra_l", 42)
-                                 .Object("extra_o", Doc().Finish())
-                                 .Binary("extra_b", Bytes{1, 2, 3})
-                                 .Int32("extra_i", 1)
-                                 .Double("extra_d", 1.5)
-                                 .String("content_type", "ct")
-                                 .Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(0, r.type);
-  EXPECT_FALSE(r.appType);
-  EXPECT_FALSE(r.appId);
-  EXPECT_FALSE(r.payload);
-  EXPECT_FALSE(r.headers);
-  EXPECT_EQ(0, r.payloadLen);
-  EXPECT_EQ("ct", r.contentType);
-  EXPECT_TRUE(LogLines::Contains({"Unsupported string key:extra_s and value:x in BSON, ignoring"}));
-  EXPECT_TRUE(LogLines::Contains({"Unsupported long Key extra_l and value 42 in BSON, ignoring."}));
-  EXPECT_TRUE(LogLines::Contains({"MPA108", "Unsupported Key extra_o of type BSON, ignoring."}));
-  EXPECT_TRUE(LogLines::Contains({"MPA108", "Unexpected Key = extra_b of Raw type and len 3."}));
-  EXPECT_TRUE(LogLines::Contains({"MPALIBCLIENT: Nonsupported type 2"}));  // int32
-  EXPECT_TRUE(LogLines::Contains({"MPALIBCLIENT: Nonsupported type 4"}));  // double
-}
-
-TEST_F(MpaLibClientTest, FrameSplitAnywhereIsAssembled) {
-  Conn c = Open();
-  const Bytes frame = Frame(FullDataDoc());
-  auto expectDelivered = [] {
-    Received r;
-    ASSERT_TRUE(Inbox::Take(&r, 0));
-    EXPECT_EQ(8, r.type);
-    EXPECT_EQ((Bytes{1, 2, 3, 4}), r.payload);
-    EXPECT_TRUE(r.headers && !r.headers->empty());
-  };
+  const Bytes frame = Frame(kFullDataDoc);
+  auto piece = [&frame](size_t from, size_t to) { return Bytes(&frame[from], &frame[0] + to); };
   // Every cut point: 1 to 3 cut the length prefix, 4 leaves exactly a whole
-  // prefix at the end of the first read.
+  // prefix at the end of the first read. Then the prefix over three reads.
   for (size_t cut = 1; cut < frame.size(); ++cut) {
-    SCOPED_TRACE(cut);
-    ASSERT_EQ(0, Feed(c, Bytes(frame.begin(), frame.begin() + cut)));
-    ASSERT_EQ(0u, Inbox::Size());
-    ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + cut, frame.end())));
-    expectDelivered();
+    ASSERT_EQ(kMpaOk, Feed(c, piece(0, cut)));
+    ASSERT_EQ(0u, Inbox::Size()) << cut;
+    ASSERT_EQ(kMpaOk, Feed(c, piece(cut, frame.size())));
+    ASSERT_EQ((Bytes{1, 2, 3, 4}), Inbox::Take(kNow).payload) << cut;
   }
-  // The prefix over three reads.
-  const std::pair<int, int> prefixPieces[] = {{0, 1}, {1, 3}, {3, 4}};
-  for (auto [from, to] : prefixPieces) {
-    ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + from, frame.begin() + to)));
+  for (auto [from, to] : {std::pair<size_t, size_t>{0, 1}, {1, 3}, {3, 4}, {4, frame.size()}}) {
+    ASSERT_EQ(kMpaOk, Feed(c, piece(from, to)));
   }
-  ASSERT_EQ(0u, Inbox::Size());
-  ASSERT_EQ(0, Feed(c, Bytes(frame.begin() + 4, frame.end())));
-  expectDelivered();
-}
+  EXPECT_EQ(8, Inbox::Take(kNow).type);
 
-TEST_F(MpaLibClientTest, SeveralFramesInOneReadAreDeliveredInOrder) {
-  Conn c = Open();
-  Bytes both = Frame(Doc().Int64("msg_type", 2).Finish());
-  Bytes second = Frame(Doc().Int64("msg_type", 3).String("amqp_routing_key", "b").Finish());
-  Bytes third = Frame(Doc().Int64("msg_type", 9).Finish());
-  both.insert(both.end(), second.begin(), second.end());
-  // The third frame is cut after its prefix and two bytes of its document.
-  both.insert(both.end(), third.begin(), third.begin() + 6);
-  ASSERT_EQ(0, Feed(c, both));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(2, r.type);
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(3, r.type);
-  EXPECT_EQ("b", r.routingKey);
+  // Two frames and the start of a third in one read: two deliveries in order;
+  // a read that ends exactly with a message leaves nothing behind.
+  const Bytes third = TypeFrame(9);
+  ASSERT_EQ(kMpaOk, Feed(c, Cat(Cat(TypeFrame(2), TypeFrame(3)), Bytes(&third[0], &third[6]))));
+  EXPECT_EQ(2, Inbox::Take(kNow).type);
+  EXPECT_EQ(3, Inbox::Take(kNow).type);
   EXPECT_EQ(0u, Inbox::Size());
-  ASSERT_EQ(0, Feed(c, Bytes(third.begin() + 6, third.end())));
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(9, r.type);
-  // A read that ended exactly with a message left nothing behind.
-  ASSERT_EQ(0, Feed(c, Frame(Doc().Int64("msg_type", 13).Finish())));
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(13, r.type);
-}
+  ASSERT_EQ(kMpaOk, Feed(c, Bytes(&third[6], &third[0] + third.size())));
+  EXPECT_EQ(9, Inbox::Take(kNow).type);
+  ASSERT_EQ(kMpaOk, Feed(c, TypeFrame(13)));
+  EXPECT_EQ(13, Inbox::Take(kNow).type);
 
-TEST_F(MpaLibClientTest, LargeMessageSpansManyReads) {
-  Conn c = Open();
+  // A message of many reads (at most 2000 bytes each).
   Bytes payload(10000);
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 7);
-  ASSERT_TRUE(mpa_test::WriteAll(
-      c.peer, Frame(Doc().Int64("msg_type", 8).Binary("amqp_payload", payload).Finish())));
+  ASSERT_TRUE(WriteAll(c.peer, Frame(Doc().Int64("payload_len", 10000).Binary("amqp_payload", payload).Finish())));
   int reads = 0;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (Inbox::Size() == 0 && std::chrono::steady_clock::now() < deadline) {
-    if (!mpa_test::WaitReadable(c.cookie, 100)) continue;
-    ASSERT_EQ(0, c.client->Receive());
-    ++reads;
-  }
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_GE(reads, 6);  // at most 2000 bytes per read
-  // Without payload_len the length of the binary is reported.
-  EXPECT_EQ(10000, r.payloadLen);
-  EXPECT_EQ(payload, r.payload);
+  for (; Inbox::Size() == 0 && WaitReadable(c.cookie); ++reads) ASSERT_EQ(kMpaOk, c.client->Receive());
+  EXPECT_GE(reads, 6);
+  EXPECT_EQ(payload, Inbox::Take(kNow).payload);
 }
 
-TEST_F(MpaLibClientTest, PeerThatClosesMidFrameEndsTheClientsStream) {
-  Conn c = Open();
-  const Bytes frame = Frame(FullDataDoc());
-  ASSERT_TRUE(mpa_test::WriteAll(c.peer, Bytes(frame.begin(), frame.begin() + frame.size() / 2)));
-  mpa_.ClosePeer(c.peer);
-  ASSERT_TRUE(mpa_test::WaitReadable(c.cookie));
-  EXPECT_EQ(-1, c.client->Receive());
-  EXPECT_TRUE(LogLines::Contains({"MPA122", "Socket Exception while processing recvall on socket",
-                                  "Reason SocketShutdown"}));
-  EXPECT_EQ(0u, Inbox::Size());
-}
-
-TEST_F(MpaLibClientTest, MalformedFramesAreNotDelivered) {
+// The frame's length rules: the document's own length field is not read, the
+// elements end at the first terminator, and payload_len is delivered as sent.
+// Only a frame that cannot be read without going outside its bytes is
+// dropped; the connection stays and the next frame is read.
+TEST_F(MpaLibClientTest, OddFramesAreDeliveredUnlessReadingThemLeavesTheFrame) {
   const Bytes good = Doc().Int64("msg_type", 8).Finish();
-  Bytes lengthMismatch = good;
-  ++lengthMismatch[0];
-  Bytes noTerminator = good;
+  Bytes longer = good, noTerminator = good;
+  ++longer[0];
   noTerminator.back() = 1;
-  const std::pair<const char*, Bytes> cases[] = {
-      {"empty frame", Frame(Bytes{})},
-      {"document length differs from frame", Frame(lengthMismatch)},
-      {"no closing NUL", Frame(noTerminator)},
-      {"string runs past the end",
-       Frame(Doc().Raw(2, "app_type", Bytes{0x40, 0, 0, 0, 'a', 0}).Finish())},
-      {"payload_len above the binary",
-       Frame(Doc().Int64("payload_len", 9).Binary("amqp_payload", Bytes{1}).Finish())},
-      {"payload_len without payload", Frame(Doc().Int64("payload_len", 9).Finish())},
-      {"negative payload_len",
-       Frame(Doc().Int64("payload_len", -1).Binary("amqp_payload", Bytes{1}).Finish())},
+  auto payload = [](std::optional<int64_t> len, const Bytes& bin) {
+    Doc d;
+    d.Int64("msg_type", 8);
+    if (len) d.Int64("payload_len", *len);
+    if (!bin.empty()) d.Binary("amqp_payload", bin);
+    return Frame(d.Finish());
   };
-  for (const auto& [name, frame] : cases) {
-    SCOPED_TRACE(name);
-    Conn c = Open();
-    // The bad frame is dropped; the frame after it in the same read is
-    // delivered, and the read reports the failure.
-    Bytes bytes = frame;
-    const Bytes next = Frame(good);
-    bytes.insert(bytes.end(), next.begin(), next.end());
-    EXPECT_EQ(-1, Feed(c, bytes));
-    Received r;
-    ASSERT_TRUE(Inbox::Take(&r, 0));
-    EXPECT_EQ(8, r.type);
-    EXPECT_EQ(0u, Inbox::Size());
+  constexpr int64_t kDropped = -99;
+  const struct {
+    const char* name;
+    Bytes frame;
+    int64_t payloadLen;  // as delivered, or kDropped
+  } cases[] = {
+      {"empty frame", Frame({}), kDropped},
+      {"length field 1", {0, 0, 0, 1, 0}, kDropped},
+      {"four bytes", {0, 0, 0, 4, 5, 0, 0, 0}, kDropped},
+      {"document length above the frame", Frame(longer), 0},
+      {"bytes after the terminator", Frame(Cat(good, {7, 7})), 0},
+      {"last byte not a terminator", Frame(noTerminator), kDropped},
+      {"string past the end", Frame(Doc().Raw(2, "app_type", {0x40, 0, 0, 0, 'a', 0}).Finish()),
+       kDropped},
+      {"no payload_len", payload(std::nullopt, {1, 2}), 0},
+      {"payload_len of the binary", payload(2, {1, 2}), 2},
+      {"payload_len below the binary", payload(1, {1, 2}), 1},
+      {"negative payload_len", payload(-1, {1}), -1},
+      {"payload_len above the binary", payload(3, {1, 2}), kDropped},
+      {"payload_len without payload", payload(9, {}), kDropped},
+  };
+  Conn c = Open();
+  EXPECT_EQ(kMpaOk, Feed(c, Cat(Frame(Doc().Finish()), TypeFrame(3))));  // the empty document
+  EXPECT_EQ(0, Inbox::Take(kNow).type);
+  EXPECT_EQ(3, Inbox::Take(kNow).type);
+  for (const auto& t : cases) {
+    log_.Clear();
+    EXPECT_EQ(kMpaOk, Feed(c, Cat(t.frame, TypeFrame(3)))) << t.name;
+    EXPECT_EQ(t.payloadLen == kDropped, log_.Count("MPA131\"] MPALIBCLIENT: Dropped a frame") == 1)
+        << t.name;
+    if (t.payloadLen != kDropped) {
+      EXPECT_EQ(t.payloadLen, Inbox::Take(kNow).payloadLen) << t.name;
+    }
+    EXPECT_EQ(3, Inbox::Take(kNow).type) << t.name;
+    EXPECT_EQ(0u, Inbox::Size()) << t.name;
   }
-  EXPECT_TRUE(LogLines::Contains({"MPA131", "Returned error code -2006 when receiving message"}));
 }
 
 TEST_F(MpaLibClientTest, WrongTypeForKnownKeyThrowsBsonException) {
-  const std::string failed = "MpaLibClient: Getting ";
   const std::pair<Bytes, std::string> cases[] = {
       {Doc().String("msg_type", "3").Finish(), "long"},
-      {Doc().Int32("mp-version", 3).Finish(), "long"},
+      {Doc().Raw(16, "mp-version", Le(3, 4)).Finish(), "long"},
       {Doc().Int64("app_type", 1).Finish(), "string"},
-      {Doc().Bool("app_id", true).Finish(), "string"},
+      {Doc().Raw(8, "app_id", {1}).Finish(), "string"},
       {Doc().Int64("amqp_replyTo", 1).Finish(), "string"},
       {Doc().String("amqp_headers", "h").Finish(), "BSON"},
       {Doc().String("amqp_payload", "p").Finish(), "Binary"},
   };
   Conn c = Open();
   for (const auto& [doc, kind] : cases) {
-    SCOPED_TRACE(kind);
-    ASSERT_TRUE(mpa_test::WriteAll(c.peer, Frame(doc)));
-    ASSERT_TRUE(mpa_test::WaitReadable(c.cookie));
     try {
-      c.client->Receive();
-      ADD_FAILURE() << "no exception";
+      Feed(c, Frame(doc));
+      ADD_FAILURE() << "no exception for " << kind;
     } catch (BsonException* raw) {
       std::unique_ptr<BsonException> e(raw);
-      EXPECT_EQ(failed + kind + " value from BSON failed.", e->what());
+      EXPECT_EQ("MpaLibClient: Getting " + kind + " value from BSON failed.", e->what());
     }
-    EXPECT_EQ(0u, Inbox::Size());
   }
-  // The message was dropped whole; the next one is read from its start.
-  EXPECT_EQ(0, Feed(c, Frame(Doc().Int64("msg_type", 2).Finish())));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(2, r.type);
+  // The messages were dropped whole; the next one is read from its start.
+  EXPECT_EQ(kMpaOk, Feed(c, TypeFrame(2)));
+  EXPECT_EQ(2, Inbox::Take(kNow).type);
+  EXPECT_EQ(0u, Inbox::Size());
 }
 
 TEST_F(MpaLibClientTest, UnknownElementTypeEndsTheProcess) {
@@ -475,42 +357,53 @@ TEST_F(MpaLibClientTest, UnknownElementTypeEndsTheProcess) {
   EXPECT_EXIT(
       {
         Conn c = Open();
-        Feed(c, Frame(Doc().Raw(25, "odd", Bytes{}).Finish()));
+        Feed(c, Frame(Doc().Raw(25, "odd", {}).Finish()));
       },
       ::testing::ExitedWithCode(251), "unknown type: 25");
 }
 
 TEST_F(MpaLibClientTest, MessageWithoutCallbackIsDropped) {
   Conn c = Open(1, nullptr, nullptr);
-  EXPECT_EQ(-1, Feed(c, Frame(FullDataDoc())));
-  EXPECT_TRUE(LogLines::Contains(
-      {"MPA130", "No function callback found for client:DORN_FABRIC_APPLICATION"}));
-  EXPECT_TRUE(LogLines::Contains({"Returned error code -2026 when receiving message - chunk index: 0"}));
-  EXPECT_EQ(-2026, c.client->Close(true));
+  EXPECT_EQ(kMpaFailure, Feed(c, Frame(kFullDataDoc)));
+  EXPECT_EQ(kMpaNoCallback, c.client->Close(true));
+  EXPECT_TRUE(log_.InOrder(
+      {"MPA130\"] MPALIBCLIENT: No function callback found for client:DORN_FABRIC_APPLICATION",
+       "MPA131\"] MPALIBCLIENT: Returned error code -2026 when receiving message - chunk index: 0",
+       "MPA130\"] MPALIBCLIENT: Invalid callback for client(DORN_FABRIC_APPLICATION)"}));
 }
 
-TEST_F(MpaLibClientTest, CloseWithNotifyDeliversOneCloseRecord) {
+TEST_F(MpaLibClientTest, CloseKeepsTheClosedSocket) {
   Conn c = Open();
-  EXPECT_EQ(0, c.client->Close(true));
-  Received r;
-  ASSERT_TRUE(Inbox::Take(&r, 0));
-  EXPECT_EQ(5, r.type);
-  EXPECT_EQ(c.cookie, r.cookie);
-  EXPECT_EQ(kApp, r.appType);
-  EXPECT_EQ("zel", r.appId);
-  EXPECT_FALSE(r.payload);
-  EXPECT_FALSE(r.headers);
-  EXPECT_TRUE(r.rawBufferIsAppType);
+  EXPECT_EQ(kMpaOk, c.client->Close(true));
+  EXPECT_EQ("type=5 cookie=" + std::to_string(c.cookie) + " app=DORN_FABRIC_APPLICATION id=zel "
+            "len=0 raw=app",
+            Describe(Inbox::Take(kNow)));
   EXPECT_EQ("no-session", c.client->GetSessionId());
-  EXPECT_TRUE(mpa_test::WaitForEof(c.peer));
-  // Closed already: nothing more is delivered.
-  EXPECT_EQ(0, c.client->Close(true));
-  EXPECT_EQ(-1, c.client->GetCookieId());
+  EXPECT_TRUE(WaitForEof(c.peer));
 
-  Conn quiet = Open();
-  EXPECT_EQ(0, quiet.client->Close(false));
+  // Later calls meet a socket without a descriptor, not a missing socket; a
+  // second close notifies again, with the cookie the client now has.
+  EXPECT_EQ(-1, c.client->GetCookieId());
+  EXPECT_EQ(-1, c.client->GetSocketDescriptor());
+  EXPECT_EQ(kMpaFailure, c.client->Receive());
+  EXPECT_TRUE(log_.InOrder({"MPA122\"] Attempted to recv 2000 bytes from sd -1",
+                            "MPA122\"] MPALIBCLIENT: Socket Exception while processing recvall on "
+                            "socket -1, for AppName DORN_FABRIC_APPLICATION: Reason SocketError"}));
+  EXPECT_EQ(kMpaOk, c.client->Close(true));
+  EXPECT_EQ("type=5 cookie=-1 app=DORN_FABRIC_APPLICATION id=zel len=0 raw=app",
+            Describe(Inbox::Take(kNow)));
+  EXPECT_EQ(0u, log_.Count("MPA132") + log_.Count("is not open or is already closed"));
+
+  // Without notify nothing is delivered; a client that never had a socket
+  // says so.
+  EXPECT_EQ(kMpaOk, Open().client->Close(false));
   EXPECT_EQ(0u, Inbox::Size());
-  EXPECT_TRUE(LogLines::Contains({"Client triggered close, not sending RMQ_CLIENT_CLOSE msg"}));
+  MpaLibClient never(kApp, 1, &Inbox::Callback);
+  EXPECT_EQ(kMpaFailure, never.Receive());
+  EXPECT_EQ(kMpaOk, never.Close(false));
+  EXPECT_TRUE(log_.InOrder({"MPA132\"] MPALIBCLIENT: Socket missing for app: DORN_FABRIC_APPLICATION",
+                            "MPA132\"] MPALIBCLIENT:  Bad socket for app: DORN_FABRIC_APPLICATION",
+                            "Socket of client (DORN_FABRIC_APPLICATION) is not open"}));
 }
 
 // A peer that takes nothing for the whole retry budget ends the process with
@@ -519,12 +412,12 @@ TEST_F(MpaLibClientTest, SendThatNeverGetsRoomExitsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        zel::log_testing::SetSyslogSinkForTest(&LogLines::ToStderr);
+        zel::log_testing::SetConsoleEchoForTest(stderr);
         MpaLibClient::SetSendRetryLimitForTest(20);
         Conn c = Open();
         // Far more than the socket buffers of both ends can hold.
         std::vector<uint8_t> big(32 * 1024 * 1024, 0x5a);
-        rmqClientMessage m = Message(3, "ct", "rk");
+        rmqClientMessage m = Message("ct", "rk");
         m.payload = big.data();
         m.payloadLen = static_cast<int64_t>(big.size());
         c.client->Send(&m, c.client->GetSessionId().c_str(), nullptr);
