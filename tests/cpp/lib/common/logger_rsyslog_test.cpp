@@ -17,7 +17,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -36,14 +35,6 @@ extern char** environ;
 
 namespace zel {
 namespace {
-
-std::string Now() {
-  std::timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  std::tm t{};
-  gmtime_r(&now.tv_sec, &t);
-  return log_testing::FormatTimestampForTest(now, t);
-}
 
 // One rsyslogd child in a temporary directory; stopped by the destructor.
 class PrivateRsyslogd {
@@ -151,13 +142,13 @@ TEST(LoggerRsyslogTest, RsyslogParsesOurRfc5424Records) {
   ASSERT_FALSE(LineFor(server.output(), "probe").empty())
       << "rsyslogd did not log our probe; it said:\n" << server.diagnostics();
 
-  const std::string before = Now();
+  const std::string before = log_test::UtcNow();
   DORN_LOG(kLogError)
       .setMsgId("MSG1")
       .addTag("errorCode:MPA30008")
       .format("Error occurred while loading properties file %s", "x");
   ZEL_RPC_LOG(kLogWarn).setEntId("ch-1").addTag("x:").addTag(":y").format("library line");
-  const std::string after = Now();
+  const std::string after = log_test::UtcNow();
   const std::string error = "Error occurred while loading properties file x";
   ASSERT_TRUE(zel::testing::WaitUntil([&] {
     const std::string out = server.output();

@@ -25,6 +25,7 @@ namespace zel {
 namespace {
 
 using log_test::UdpReceiver;
+using log_test::UtcNow;
 using log_testing::GetLoggerStateForTest;
 using log_testing::SetUpLoggerForTest;
 using ::testing::ElementsAre;
@@ -296,14 +297,6 @@ TEST(LoggerTimestampTest, UtcIsZAndOffsetsGetAColon) {
     t.tm_gmtoff = c.gmtoff;
     EXPECT_EQ(log_testing::FormatTimestampForTest(now, t), c.text);
   }
-}
-
-std::string UtcNow() {
-  std::timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  std::tm t{};
-  gmtime_r(&now.tv_sec, &t);
-  return log_testing::FormatTimestampForTest(now, t);
 }
 
 TEST_F(LoggerTest, UdpRecordHasTheRfc5424Header) {

@@ -1,5 +1,5 @@
-// A UDP receiver on 127.0.0.1 for the logger tests, standing in for the
-// syslog server of UDP mode.
+// Helpers of the logger tests: a UDP receiver on 127.0.0.1, standing in for
+// the syslog server of UDP mode, and the record timestamp of now.
 #ifndef ZEL_TESTS_COMMON_LOGGER_TEST_UTIL_H_
 #define ZEL_TESTS_COMMON_LOGGER_TEST_UTIL_H_
 
@@ -9,10 +9,22 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <string>
+
+#include "cpp/lib/common/logger_testing.h"
 
 namespace zel {
 namespace log_test {
+
+// Now, as a record's timestamp in UTC: the text orders like the time.
+inline std::string UtcNow() {
+  std::timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  std::tm t{};
+  gmtime_r(&now.tv_sec, &t);
+  return log_testing::FormatTimestampForTest(now, t);
+}
 
 // A datagram socket bound to 127.0.0.1 on a port the kernel picks.
 class UdpReceiver {

@@ -58,9 +58,7 @@ TEST_F(CountersTest, TypeMasksNameTheWireFieldsTheyFill) {
 TEST_F(CountersTest, UnitCounterFollowsItsLevelAndKeepsItOverRollover) {
   auto c = Make<UnitCounter>("items");
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 0, s~num: 0, s~min: 0, s~max: 0");
-  c->increment();
-  c->increment();
-  c->increment();
+  for (int i = 0; i < 3; ++i) c->increment();
   c->set(10);
   c->decrement();
   EXPECT_EQ(c->to_string(true), "units: items, v~last: 9, s~num: 5, s~min: 1, s~max: 10");
@@ -198,9 +196,7 @@ TEST_F(CountersTest, RatesAndFrequenciesArePerSecondOverThePeriod) {
 
 TEST_F(CountersTest, NetObjectCounterKeepsRunningFiguresAndRestartsPeriodOnes) {
   auto c = Make<net::NetObjectCounter>();
-  c->increment();
-  c->increment();
-  c->increment();
+  for (int i = 0; i < 3; ++i) c->increment();
   c->decrement();
   clock_.AdvanceMs(1000);
   c->rollover();
@@ -269,9 +265,7 @@ TEST_F(CountersTest, SerializeWritesTheFieldsOfTheMaskOnly) {
   EXPECT_EQ(out.sample_min().value, 1.0);
   EXPECT_EQ(out.sample_max().value, 3.0);
   for (bool set : {out.sample_last().set, out.value_num().set, out.sample_avg().set,
-                   out.sample_freq().set, out.sample_p95().set}) {
-    EXPECT_FALSE(set);
-  }
+                   out.sample_freq().set, out.sample_p95().set}) EXPECT_FALSE(set);
   BasicSerializer freq = Serialized(*Make<FrequencyCounter>(), true);
   EXPECT_FALSE(freq.units().set);
   EXPECT_FALSE(freq.value_last().set);
