@@ -45,7 +45,7 @@ if [ "$build_first" = 1 ]; then
   echo "== build (preset default): dorn-host-agent, mpa-relay, zel-sandbox"
   cmake --preset default >/dev/null
   cmake --build --preset default -j "${JOBS:-$(nproc)}" \
-    --target dorn-host-agent mpa-relay zel-sandbox zel-sandbox-helper
+    --target dorn-host-agent mpa-relay zel-sandbox
 fi
 
 find_binary() {

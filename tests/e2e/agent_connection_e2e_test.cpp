@@ -3,8 +3,10 @@
 // a relay that is not there at start or restarts, frames cut inside their
 // length prefix or packed together, and damaged frames. After each, the
 // agent must still answer. Each test has its own sandbox and agent.
+#include <algorithm>
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -12,17 +14,32 @@
 #include "mpa_relay/relay_script.h"
 #include "mpa_relay/relay_wire.h"
 #include "orvane/zel/dorn/dorn_fabric_message.pb.h"
+#include "util/mpa_error_tags.h"
 
+namespace zel {
+namespace e2e {
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using zel::e2e::AgentHarness;
+
+constexpr char kConnectFailed[] = "connecting to mpa return cookie";
 
 // Runs one command; the answer's status message is its output.
 std::string Echo(const std::string& word) {
   return "message_type: MT_RUN_COMMAND operation_id: \"" + word +
          "\" dorn_fabric_object { runCommand { command: \"echo " + word + "\" } }";
+}
+
+mpa_relay::Request EchoRequest(const std::string& word) {
+  mpa_relay::Step step;
+  std::string error;
+  EXPECT_TRUE(mpa_relay::ParseRequest(Echo(word), &step, &error)) << error;
+  mpa_relay::Request r;
+  r.payload = step.payload;
+  r.correlation_id = word;
+  r.reply_to = "e2e-replies";
+  return r;
 }
 
 class AgentConnectionTest : public ::testing::Test {
@@ -35,8 +52,7 @@ class AgentConnectionTest : public ::testing::Test {
   // The agent answers `word` on the current connection.
   void ExpectServes(const std::string& word) {
     const auto a = h_.RequestAcrossReconnects(Echo(word));
-    ASSERT_TRUE(a.has_value()) << "no answer to " << word << "\n" << h_.Report();
-    ASSERT_NE(a->message, nullptr);
+    ASSERT_TRUE(a && a->message) << "no answer to " << word << "\n" << h_.Report();
     ASSERT_EQ(a->message->operation_status_size(), 1);
     EXPECT_EQ(a->message->operation_status(0).message(), word + "\n");
     EXPECT_EQ(a->connection, h_.relay().current_connection());
@@ -44,11 +60,13 @@ class AgentConnectionTest : public ::testing::Test {
   }
   void TearDown() override {
     EXPECT_EQ(h_.SanitizerReport(), "");
-    if (h_.relay().registrations().empty()) return;
-    EXPECT_TRUE(h_.agent().Running()) << h_.Report();
+    if (!h_.relay().registrations().empty() && !ends_) {
+      EXPECT_TRUE(h_.agent().Running()) << h_.Report();
+    }
   }
 
   AgentHarness h_;
+  bool ends_ = false;  // the test ends the agent
 };
 
 TEST_F(AgentConnectionTest, ClosedSocketIsReopenedWithinAboutASecond) {
@@ -66,7 +84,6 @@ TEST_F(AgentConnectionTest, CloseMessageReconnectsAndAStaleOneIsIgnored) {
   StartAndRegister();
   const int first = h_.relay().current_connection();
   ASSERT_TRUE(h_.relay().SendClose());
-  ASSERT_TRUE(h_.WaitForLogPolling("Got CLIENT CLOSE Message for cookie", 10s)) << h_.Report();
   ASSERT_TRUE(h_.WaitForRegistrations(2, 10s)) << h_.Report();
   const int second = h_.relay().current_connection();
   EXPECT_NE(second, first);
@@ -76,31 +93,28 @@ TEST_F(AgentConnectionTest, CloseMessageReconnectsAndAStaleOneIsIgnored) {
   // The old connection's cookie is stale now: the CLOSE on it changes nothing.
   const size_t from = h_.sandbox().LogLines().size();
   ASSERT_TRUE(h_.relay().SendClose(first));
-  ASSERT_TRUE(h_.WaitForLogPolling("does not match with .*ignored", 10s, from)) << h_.Report();
+  ASSERT_TRUE(h_.WaitForLog(LoggedTag(ZelMpa::tag::MPAERR_MPA_COOKIEID_MISMATCH), 10s, from)) << h_.Report();
   ExpectServes("after-stale-close");
   EXPECT_EQ(h_.relay().registrations().size(), 2u);
   EXPECT_EQ(h_.relay().current_connection(), second);
 }
 
+// The agent tries, fails while nobody listens on 9002, and registers within
+// its retry interval once the relay is back: at start, and after a restart.
 TEST_F(AgentConnectionTest, AgentRetriesUntilTheRelayListens) {
   h_.StartAgent();
-  // The first attempt fails: nobody listens on 9002 yet.
-  ASSERT_TRUE(h_.WaitForLogPolling("connecting to mpa return cookie", 20s)) << h_.Report();
+  ASSERT_TRUE(h_.WaitForLog(kConnectFailed, 20s)) << h_.Report();
   const auto listening = Clock::now();
   ASSERT_TRUE(h_.Listen());
   ASSERT_TRUE(h_.WaitForRegistrations(1, 15s)) << h_.Report();
   const auto took = h_.relay().registrations()[0].at - listening;
   EXPECT_LT(took, 6500ms) << std::chrono::duration<double>(took).count() << " s";
   ExpectServes("late-relay");
-}
 
-TEST_F(AgentConnectionTest, RelayRestartIsSurvived) {
-  StartAndRegister();
   const size_t from = h_.sandbox().LogLines().size();
   h_.relay().DropAll();
   h_.relay().StopListening();
-  // Down until the agent has tried once and failed; then back.
-  ASSERT_TRUE(h_.WaitForLogPolling("connecting to mpa return cookie", 15s, from)) << h_.Report();
+  ASSERT_TRUE(h_.WaitForLog(kConnectFailed, 15s, from)) << h_.Report();
   ASSERT_TRUE(h_.Listen());
   ASSERT_TRUE(h_.WaitForRegistrations(2, 15s)) << h_.Report();
   ExpectServes("after-restart");
@@ -108,69 +122,99 @@ TEST_F(AgentConnectionTest, RelayRestartIsSurvived) {
 
 TEST_F(AgentConnectionTest, FramesCutInTheirPrefixOrPackedTogetherAreServed) {
   StartAndRegister();
-  auto request = [](const std::string& word) {
-    mpa_relay::Request r;
-    mpa_relay::Step step;
-    std::string error;
-    EXPECT_TRUE(mpa_relay::ParseRequest(Echo(word), &step, &error)) << error;
-    r.payload = step.payload;
-    r.correlation_id = word;
-    r.reply_to = "e2e-replies";
-    return r;
-  };
+  std::vector<std::string> words;
   std::vector<uint64_t> seqs;
   for (size_t at = 1; at <= 6; ++at) {
-    seqs.push_back(h_.relay().SendSplit(request("cut-" + std::to_string(at)), at, 50ms));
+    words.push_back("cut-" + std::to_string(at));
+    seqs.push_back(h_.relay().SendSplit(EchoRequest(words.back()), at, 50ms));
   }
-  const uint64_t pair = h_.relay().SendBatch({request("pair-a"), request("pair-b")});
-  const uint64_t three = h_.relay().SendBatch({request("t-a"), request("t-b"), request("t-c")});
-  seqs.insert(seqs.end(), {pair, pair + 1, three, three + 1, three + 2});
-  const std::vector<std::string> words = {"cut-1",  "cut-2",  "cut-3", "cut-4", "cut-5", "cut-6",
-                                          "pair-a", "pair-b", "t-a",   "t-b",   "t-c"};
+  for (const std::vector<std::string>& batch :
+       {std::vector<std::string>{"pair-a", "pair-b"}, std::vector<std::string>{"t-a", "t-b", "t-c"}}) {
+    std::vector<mpa_relay::Request> requests;
+    for (const auto& w : batch) requests.push_back(EchoRequest(w));
+    const uint64_t first = h_.relay().SendBatch(requests);
+    for (size_t i = 0; i < batch.size(); ++i) {
+      words.push_back(batch[i]);
+      seqs.push_back(first + i);
+    }
+  }
   for (size_t i = 0; i < seqs.size(); ++i) {
     const auto a = h_.AnswerTo(seqs[i]);
-    ASSERT_TRUE(a.has_value()) << words[i] << "\n" << h_.Report();
-    ASSERT_NE(a->message, nullptr);
+    ASSERT_TRUE(a && a->message) << words[i] << "\n" << h_.Report();
     EXPECT_EQ(a->message->operation_id(), words[i]);
   }
   EXPECT_EQ(h_.relay().registrations().size(), 1u);  // never reconnected
 }
 
-TEST_F(AgentConnectionTest, DamagedFramesDoNotStopTheAgent) {
+// What the agent does with each damaged frame of the relay's catalogue.
+enum class Outcome { kAnswered, kIgnored, kReconnects, kEndsWith251 };
+struct Damage {
+  const char* kind;
+  Outcome outcome;
+  const char* tag;  // logged, when not null
+};
+
+void PrintTo(const Damage& d, std::ostream* os) { *os << d.kind; }
+
+class DamagedFrameTest : public AgentConnectionTest, public ::testing::WithParamInterface<Damage> {};
+
+TEST_P(DamagedFrameTest, IsDealtWithAndTheAgentServesOn) {
+  const Damage& d = GetParam();
   StartAndRegister();
   mpa_relay::Step probe;
   std::string error;
-  ASSERT_TRUE(mpa_relay::ParseRequest(
-      "message_type: MT_SOFTWARE_STATUS operation_id: \"damaged\"", &probe, &error));
-  for (const std::string& kind : mpa_relay::MalformedKinds()) {
-    SCOPED_TRACE(kind);
-    const int connection = h_.relay().current_connection();
-    ASSERT_NE(connection, 0) << h_.Report();
-    const size_t from = h_.sandbox().LogLines().size();
-    const size_t answers = h_.relay().answers().size();
-    const bool answered = mpa_relay::MalformedKindIsAnswered(kind);
-    const auto frame = mpa_relay::MalformedFrame(kind, "DORN_FABRIC_APPLICATION", probe.payload);
-    ASSERT_TRUE(h_.relay().SendRaw(*frame, answered, connection));
-    if (kind == "half-frame") {
-      h_.relay().Flush(connection, Clock::now() + 5s);
-      h_.relay().Drop(connection);
-    }
-    if (answered) {
-      ASSERT_TRUE(h_.PollUntil([&] { return h_.relay().answers().size() > answers; }, 20s))
-          << h_.Report();
-      const auto& a = h_.relay().answers()[answers];
-      ASSERT_NE(a.message, nullptr);
-      EXPECT_EQ(a.message->operation_id(), "damaged");
-    }
-    if (kind == "not-dorn") {
-      EXPECT_TRUE(h_.WaitForLogPolling("Failed to parse DornMessage", 10s, from)) << h_.Report();
-    }
-    if (kind == "unknown-type") {
-      EXPECT_TRUE(h_.WaitForLogPolling("Unrecognized RMQ messageType \\[4\\]", 10s, from))
-          << h_.Report();
-    }
-    ExpectServes("after-" + kind);
+  ASSERT_TRUE(mpa_relay::ParseRequest("message_type: MT_SOFTWARE_STATUS operation_id: \"damaged\"", &probe, &error));
+  const int connection = h_.relay().current_connection();
+  const bool answered = d.outcome == Outcome::kAnswered;
+  const auto frame = mpa_relay::MalformedFrame(d.kind, "DORN_FABRIC_APPLICATION", probe.payload);
+  ASSERT_TRUE(frame && h_.relay().SendRaw(*frame, answered, connection));
+  if (std::string(d.kind) == "half-frame") {
+    h_.relay().Flush(connection, Clock::now() + 5s);
+    h_.relay().Drop(connection);
   }
+  if (d.tag != nullptr) {
+    EXPECT_TRUE(h_.WaitForLog(LoggedTag(d.tag), 20s)) << h_.Report();
+  }
+  switch (d.outcome) {
+    case Outcome::kEndsWith251: {
+      ends_ = true;
+      const auto status = h_.agent().WaitExit(20s);
+      ASSERT_TRUE(status) << h_.Report();
+      EXPECT_EQ(status->ToString(), "exit 251");
+      return;
+    }
+    case Outcome::kAnswered:
+      ASSERT_TRUE(h_.PollUntil([&] { return !h_.relay().answers().empty(); }, 20s)) << h_.Report();
+      ASSERT_NE(h_.relay().answers()[0].message, nullptr);
+      EXPECT_EQ(h_.relay().answers()[0].message->operation_id(), "damaged");
+      break;
+    case Outcome::kIgnored:
+      break;
+    case Outcome::kReconnects:
+      EXPECT_TRUE(h_.WaitForRegistrations(2, 20s)) << h_.Report();
+      break;
+  }
+  ExpectServes(std::string("after-") + d.kind);
+  EXPECT_EQ(h_.relay().registrations().size(), d.outcome == Outcome::kReconnects ? 2u : 1u);
 }
 
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, DamagedFrameTest,
+    ::testing::Values(Damage{"garbage", Outcome::kEndsWith251, nullptr},
+                      Damage{"bad-length", Outcome::kAnswered, nullptr},
+                      Damage{"wrong-types", Outcome::kReconnects, nullptr},
+                      Damage{"not-dorn", Outcome::kIgnored, ZelMpa::tag::MPAERR_PARSE_DORN_MSG_FAIL},
+                      Damage{"unknown-type", Outcome::kIgnored, ZelMpa::tag::MPAERR_MPA_UNSUPPORT_MSG},
+                      Damage{"unknown-keys", Outcome::kAnswered, nullptr},
+                      Damage{"empty-doc", Outcome::kIgnored, nullptr},
+                      Damage{"zero-length", Outcome::kIgnored, nullptr},
+                      Damage{"half-frame", Outcome::kReconnects, nullptr}),
+    [](const auto& info) {
+      std::string name = info.param.kind;
+      name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+      return name;
+    });
+
 }  // namespace
+}  // namespace e2e
+}  // namespace zel

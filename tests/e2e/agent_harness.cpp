@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <regex>
 #include <sstream>
 
 #include "mpa_relay/relay_script.h"
@@ -26,50 +25,68 @@ const char kHostCertificate[] =
 const char kSshRsaKey[] =
     "ssh-rsa AAAAB3NzaC1yc2EAAAADAQABAAAAgQDe2eSandboxKeyOnlyForTests root@e2e\n";
 
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-// A stand-in that records "<name> <args>" and then runs `body`.
 std::string Standin(const std::string& name, const std::string& body) {
-  return "#!/bin/sh\n"
-         "printf '%s\\n' \"" + name + " $*\" >> \"${ZEL_SANDBOX_DIR:-/run/zel-sandbox}/calls.log\"\n" +
-         body;
+  return "#!/bin/sh\nprintf '%s\\n' \"" + name + "${*:+ $*}\" >> \"$ZEL_SANDBOX_DIR/calls.log\"\n" + body;
 }
 
-}  // namespace
+std::optional<std::string> FindLine(const std::vector<std::string>& lines, const std::string& needle,
+                                    size_t from) {
+  for (size_t i = from; i < lines.size(); ++i) {
+    if (lines[i].find(needle) != std::string::npos) return lines[i];
+  }
+  return std::nullopt;
+}
+
+std::string SanitizerReport(const std::string& err) {
+  for (const char* mark : {"Sanitizer", "runtime error:"}) {
+    const size_t at = err.find(mark);
+    if (at != std::string::npos) return err.substr(err.rfind('\n', at) + 1, 2000);
+  }
+  return "";
+}
+
+std::string LoggedTag(const char* tag) {
+  const std::string text = tag;
+  return "errorCode=\"" + text.substr(text.find(':') + 1) + "\"";
+}
 
 AgentHarness::AgentHarness(AgentHarnessOptions options) : options_(std::move(options)) {
-  SandboxOptions sandbox_options;
-  sandbox_options.extra_standins = {std::string(ZEL_FAKE_HOSTS_DIR) + "/ubuntu/uname",
-                                    std::string(ZEL_FAKE_HOSTS_DIR) + "/ubuntu/lsb_release"};
-  sandbox_ = std::make_unique<Sandbox>(sandbox_options);
-  Sandbox& sb = *sandbox_;
+  sandbox_ = std::make_unique<sandbox::Sandbox>(options_.host);
+  sandbox::Sandbox& sb = *sandbox_;
   sb.WriteFile("/etc/orvane/zel-dorn/dornConfig.ini", options_.config);
   sb.WriteFile("/etc/orvane/zel/host-cert.pem", kHostCertificate);
   sb.WriteFile("/etc/ssh/ssh_host_rsa_key.pub", kSshRsaKey);
   sb.WriteFile("/opt/orvane/zel-cli/bin/scripts/get_mpa_node_uuid",
                Standin("get_mpa_node_uuid", "echo 6f1c2b8e-3d4a-4e5f-9a0b-1c2d3e4f5a6b\n"), 0755);
   sb.WriteFile("/etc/init.d/zelsvc", Standin("zelsvc", "exit 0\n"), 0755);
-  sb.WriteFile("/etc/init.d/brokensvc",
-               Standin("brokensvc", "echo \"brokensvc: cannot $1\" >&2\nexit 1\n"), 0755);
-
-  sb.AddStandin("dpkg-query", Standin("dpkg-query", std::string("printf '%s' '") +
-                                                        kInstalledPackages + "'\n"));
-  sb.AddStandin("openssl", Standin("openssl", "echo 'xxcryptedxx'\n"));
-  sb.AddStandin("id", Standin("id", "exit 1\n"));  // no account exists yet
-  sb.AddStandin("groupadd", Standin("groupadd", "exit 0\n"));
-  sb.AddStandin("useradd", Standin("useradd", "exit 0\n"));
-  sb.AddStandin("userdel", Standin("userdel", "exit 0\n"));
-  sb.AddStandin("groupdel", Standin("groupdel", "exit 0\n"));
-  // usermod fails for the account "refused", as a locked group file would.
-  sb.AddStandin("usermod",
-                Standin("usermod", "for a; do last=$a; done\n"
-                                   "[ \"$last\" = refused ] && exit 1\nexit 0\n"));
+  sb.WriteFile("/etc/init.d/brokensvc", Standin("brokensvc", "echo \"brokensvc: cannot $1\" >&2\nexit 1\n"),
+               0755);
+  if (options_.host_standins) {
+    sb.AddStandin("dpkg-query", Standin("dpkg-query", std::string("printf '%s' '") + kInstalledPackages + "'\n"));
+    sb.AddStandin("openssl", Standin("openssl", "echo 'xxcryptedxx'\n"));
+    sb.AddStandin("id", Standin("id", "exit 1\n"));  // no account exists yet
+    for (const char* name : {"groupadd", "useradd", "userdel", "groupdel"}) {
+      sb.AddStandin(name, Standin(name, "exit 0\n"));
+    }
+    // usermod fails for the account "refused", as a locked group file would.
+    sb.AddStandin("usermod", Standin("usermod", "for a; do last=$a; done\n[ \"$last\" != refused ]\n"));
+  }
 
   mpa_relay::RelayOptions relay_options;
-  relay_options.make_listener = [this]() { return MakeListener(); };
-  relay_options.keep_history = options_.keep_history;
+  relay_options.make_listener = [this]() {
+    const int fd = sandbox_->SocketInside(AF_INET, SOCK_STREAM);
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(9002);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 16) != 0) {
+      close(fd);
+      return -1;
+    }
+    return fd;
+  };
   relay_ = std::make_unique<mpa_relay::Relay>(relay_options);
 }
 
@@ -78,29 +95,14 @@ AgentHarness::~AgentHarness() {
   sandbox_->Shutdown();
 }
 
-int AgentHarness::MakeListener() {
-  const int fd = sandbox_->SocketInside(AF_INET, SOCK_STREAM);
-  int one = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(9002);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, 16) != 0) {
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 bool AgentHarness::Listen() {
   std::string error;
   return relay_->Listen(&error);
 }
 
-Process& AgentHarness::StartAgent() {
+sandbox::Process& AgentHarness::StartAgent() {
   if (agent_ == nullptr) {
-    SpawnOptions opts;
+    sandbox::SpawnOptions opts;
     opts.name = "dorn-host-agent";
     opts.env = options_.agent_env;
     agent_ = &sandbox_->Spawn({DORN_AGENT_BINARY}, opts);
@@ -109,29 +111,15 @@ Process& AgentHarness::StartAgent() {
 }
 
 bool AgentHarness::PollUntil(const std::function<bool()>& done, Millis timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (!done()) {
-    if (Clock::now() >= deadline) return done();
-    relay_->Poll(Millis(20));
-  }
-  return true;
+  return relay_->RunUntil(done, mpa_relay::Clock::now() + timeout);
 }
 
 bool AgentHarness::WaitForRegistrations(size_t n, Millis timeout) {
   return PollUntil([&] { return relay_->registrations().size() >= n; }, timeout);
 }
 
-bool AgentHarness::WaitForLogPolling(const std::string& pattern, Millis timeout, size_t from) {
-  const std::regex re(pattern);
-  return PollUntil(
-      [&] {
-        const auto lines = sandbox_->LogLines();
-        for (size_t i = from; i < lines.size(); ++i) {
-          if (std::regex_search(lines[i], re)) return true;
-        }
-        return false;
-      },
-      timeout);
+bool AgentHarness::WaitForLog(const std::string& needle, Millis timeout, size_t from) {
+  return PollUntil([&] { return FindLine(sandbox_->LogLines(), needle, from).has_value(); }, timeout);
 }
 
 uint64_t AgentHarness::Send(const std::string& text, const AskOptions& ask, Millis timeout) {
@@ -148,63 +136,51 @@ uint64_t AgentHarness::Send(const std::string& text, const AskOptions& ask, Mill
 }
 
 std::optional<mpa_relay::Answer> AgentHarness::AnswerTo(uint64_t seq, Millis timeout) {
-  if (seq == 0) return std::nullopt;
-  const mpa_relay::Answer* found = nullptr;
+  std::optional<mpa_relay::Answer> found;
   PollUntil(
       [&] {
         for (const auto& a : relay_->answers()) {
-          if (a.request == seq) found = &a;
+          if (seq != 0 && a.request == seq) found = a;
         }
-        return found != nullptr;
+        return found.has_value();
       },
       timeout);
-  if (found == nullptr) return std::nullopt;
-  return *found;
+  return found;
 }
 
-std::optional<mpa_relay::Answer> AgentHarness::Request(const std::string& text,
-                                                       const AskOptions& ask, Millis timeout) {
+std::optional<mpa_relay::Answer> AgentHarness::Request(const std::string& text, const AskOptions& ask,
+                                                       Millis timeout) {
   return AnswerTo(Send(text, ask, timeout), timeout);
 }
 
 std::optional<mpa_relay::Answer> AgentHarness::RequestAcrossReconnects(const std::string& text,
-                                                                       const AskOptions& ask,
                                                                        Millis timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (Clock::now() < deadline) {
-    const auto left = std::chrono::duration_cast<Millis>(deadline - Clock::now());
-    const uint64_t seq = Send(text, ask, left);
-    if (seq == 0) return std::nullopt;
+  const auto deadline = mpa_relay::Clock::now() + timeout;
+  while (mpa_relay::Clock::now() < deadline) {
+    const uint64_t seq = Send(text);
     const int connection = relay_->current_connection();
-    const mpa_relay::Answer* found = nullptr;
-    PollUntil(
+    std::optional<mpa_relay::Answer> found;
+    relay_->RunUntil(
         [&] {
           for (const auto& a : relay_->answers()) {
-            if (a.request == seq) found = &a;
+            if (seq != 0 && a.request == seq) found = a;
           }
-          return found != nullptr || !relay_->IsOpen(connection) ||
-                 relay_->current_connection() != connection;
+          return found || !relay_->IsOpen(connection) || relay_->current_connection() != connection;
         },
-        std::chrono::duration_cast<Millis>(deadline - Clock::now()));
-    if (found != nullptr) return *found;
+        deadline);
+    if (found) return found;
   }
   return std::nullopt;
 }
 
 std::string AgentHarness::SanitizerReport() const {
-  if (agent_ == nullptr) return "";
-  const std::string err = agent_->Stderr();
-  for (const char* mark : {"Sanitizer", "runtime error:"}) {
-    const size_t at = err.find(mark);
-    if (at != std::string::npos) return err.substr(err.rfind('\n', at) + 1, 2000);
-  }
-  return "";
+  return agent_ == nullptr ? "" : e2e::SanitizerReport(agent_->Stderr());
 }
 
-std::string AgentHarness::Report() const {
+std::string AgentHarness::Report() {
   std::ostringstream out;
-  out << "relay: " << relay_->registrations().size() << " registrations, "
-      << relay_->answers().size() << " answers, " << relay_->outstanding() << " outstanding\n";
+  out << "relay: " << relay_->registrations().size() << " registrations, " << relay_->answers().size()
+      << " answers, " << relay_->outstanding() << " outstanding\n";
   for (const auto& p : relay_->problems()) out << "relay problem: " << p << "\n";
   out << sandbox_->DebugReport(40);
   return out.str();
