@@ -21,7 +21,6 @@
 
 #include <gtest/gtest.h>
 
-#include "cpp/lib/common/logger_testing.h"
 #include "mpa_relay/relay.h"
 #include "mpa_relay/relay_script.h"
 #include "mpa_relay/relay_wire.h"
@@ -29,6 +28,8 @@
 #include "mpalib/bson_object.h"
 #include "mpalib/net_api.h"
 #include "orvane/zel/dorn/dorn_fabric_message.pb.h"
+#include "support/log_capture.h"
+#include "util/mpa_error_tags.h"
 
 namespace {
 
@@ -133,8 +134,6 @@ class Client {
   std::vector<Delivered> delivered_;
 };
 
-void DiscardLogLine(int, const char*) {}
-
 std::string Serialized(const std::string& text) {
   mpa_relay::Step step;
   std::string error;
@@ -145,15 +144,14 @@ std::string Serialized(const std::string& text) {
 class RelayWithLibraryTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    zel::log_testing::SetUpLoggerForTest("ERROR", "DEVLOG", "/nonexistent");
-    zel::log_testing::SetSyslogSinkForTest(&DiscardLogLine);
+    log_ = new zel::testing::LogCapture("ERROR");  // the library's lines stay here
     loop_ = new std::thread([] { NETEventLoop(nullptr); });
   }
   static void TearDownTestSuite() {
     NETStop();
     loop_->join();
     delete loop_;
-    zel::log_testing::SetSyslogSinkForTest(nullptr);
+    delete log_;
   }
 
   void SetUp() override {
@@ -177,6 +175,10 @@ class RelayWithLibraryTest : public ::testing::Test {
     relay_->DropAll();
     EXPECT_TRUE(Client::Get().WaitFor(RMQ_CLIENT_CLOSE, closes + 1, 20s))
         << "a dropped connection is reported to the client";
+    // The sign of a read on a stale readiness: a live connection that had
+    // nothing to read, dropped for it.
+    const std::string tag = ZelMpa::tag::MPA131;
+    EXPECT_EQ(log_->Count("errorCode=\"" + tag.substr(tag.find(':') + 1) + "\""), 0u) << log_->Find("MPA131");
   }
 
   // Registers the client with the relay and waits for the ACK.
@@ -203,11 +205,13 @@ class RelayWithLibraryTest : public ::testing::Test {
     return relay_->RunUntil([&] { return relay_->answers().size() >= n; }, Clock::now() + 15s);
   }
 
+  static zel::testing::LogCapture* log_;
   static std::thread* loop_;
   std::unique_ptr<mpa_relay::Relay> relay_;
   int cookie_ = -1;
 };
 
+zel::testing::LogCapture* RelayWithLibraryTest::log_ = nullptr;
 std::thread* RelayWithLibraryTest::loop_ = nullptr;
 
 TEST_F(RelayWithLibraryTest, RegistrationIsAcknowledgedAndRequestsAreAnsweredWithTheirHeaders) {

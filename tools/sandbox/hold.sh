@@ -23,6 +23,7 @@ set -eu
 
 # Never mount anything in the machine's own mount namespace.
 own=$(readlink /proc/self/ns/mnt)
+case "$own" in mnt:*) ;; *) echo "error: no mount namespace to be seen"; exit 1 ;; esac
 if [ "$own" = "$(readlink /proc/1/ns/mnt)" ] || [ "$own" = "$(readlink "/proc/$PPID/ns/mnt")" ]; then
   echo "error: not in a mount namespace of its own; refusing to mount anything"
   exit 1
