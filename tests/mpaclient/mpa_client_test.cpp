@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include <boost/make_shared.hpp>
@@ -87,25 +86,15 @@ class FakeMpaRmqClient : public zel::RmqClient {
   const DuringRegister during_;
 };
 
-struct TestIntervals {
-  uint64_t ackRetryMicros = 30000000;
-  uint64_t connectRetryMicros = 5000000;
-  uint64_t closeReconnectMicros = MpaClient::kCloseReconnectMicros;
-  uint64_t appInitWaitMicros = MpaClient::kAppInitWaitMicros;
-};
-
 // An MpaClient on the fake MPA's port whose handshake only counts its starts.
 class TestMpaClient : public MpaClient {
  public:
   TestMpaClient(boost::shared_ptr<zel::AsioDispatcher> dispatcher, const std::string& appType,
-                uint16_t port, const TestIntervals& intervals,
-                zel::metrics::MetricKeyPtr metricRoot, DuringRegister during)
+                uint16_t port, zel::metrics::MetricKeyPtr metricRoot, DuringRegister during)
       : MpaClient(std::move(dispatcher), &Inbox::Record, appType, "zel", 1, port,
                   std::move(metricRoot)),
-        during_(std::move(during)) {
-    intervals_.closeReconnectMicros = intervals.closeReconnectMicros;
-    intervals_.appInitWaitMicros = intervals.appInitWaitMicros;
-  }
+        during_(std::move(during)) {}
+  using MpaClient::intervals_;
   using MpaClient::OnMessage;
   using MpaClient::RegisterInstance;
   std::atomic<int> handshakes{0};
@@ -123,24 +112,10 @@ class TestMpaClient : public MpaClient {
 // An inbound record as the library makes one: its block holds the
 // application type, and the client frees it.
 rmqClientMessage InboundRecord(int32_t type, int32_t cookie, const char* appType = kApp) {
-  rmqClientMessage m;
-  std::memset(&m, 0, sizeof m);
+  rmqClientMessage m = DataRecord(cookie, nullptr, nullptr);
   m.messageType = type;
-  m.cookieId = cookie;
   m.appType = strdup(appType);
   m.rawBuffer = reinterpret_cast<uint8_t*>(const_cast<char*>(m.appType));
-  return m;
-}
-
-rmqClientMessage OutboundRecord(int32_t cookie, const char* payload) {
-  rmqClientMessage m;
-  std::memset(&m, 0, sizeof m);
-  m.messageType = 10;
-  m.cookieId = cookie;
-  m.amqpContentType = "application/protobuf";
-  m.amqpRoutingKey = "";
-  m.payload = reinterpret_cast<const uint8_t*>(payload);
-  m.payloadLen = static_cast<int64_t>(std::strlen(payload));
   return m;
 }
 
@@ -171,11 +146,14 @@ class MpaClientTest : public ::testing::Test {
     client_.reset();
   }
 
-  void MakeClient(const TestIntervals& intervals = {}, DuringRegister during = nullptr) {
-    client_ = boost::make_shared<TestMpaClient>(dispatcher_, appType_, mpa_.port(), intervals,
+  // Makes and registers the client; `closeReconnectMicros` and the retry
+  // intervals apply.
+  void MakeClient(DuringRegister during = nullptr) {
+    client_ = boost::make_shared<TestMpaClient>(dispatcher_, appType_, mpa_.port(),
                                                 registry_.root(), std::move(during));
-    ASSERT_EQ(client_, TestMpaClient::RegisterInstance(client_, intervals.ackRetryMicros,
-                                                       intervals.connectRetryMicros));
+    client_->intervals_.closeReconnectMicros = closeReconnectMicros_;
+    client_->intervals_.appInitWaitMicros = 1000;
+    ASSERT_EQ(client_, TestMpaClient::RegisterInstance(client_, ackRetryMicros_, connectRetryMicros_));
   }
 
   // Starts the client against a listening MPA and, with `ack`, acknowledges
@@ -199,15 +177,22 @@ class MpaClientTest : public ::testing::Test {
     const size_t at = text.find("v~last: ");
     return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + 8, nullptr, 10);
   }
+  std::string MismatchLine(int32_t received, int32_t current) {
+    return "MPAERR_MPA_COOKIEID_MISMATCH\"] [" + appType_ + "] Message's cookieId [" +
+           std::to_string(received) + "] does not match with [" + std::to_string(current) +
+           "], ignored";
+  }
 
   std::string appType_ = kApp;
+  uint64_t ackRetryMicros_ = 30000000, connectRetryMicros_ = 5000000;
+  uint64_t closeReconnectMicros_ = MpaClient::kCloseReconnectMicros;
   FakeMpa mpa_{false};
   zel::metrics::MetricRegistry registry_;
   boost::shared_ptr<zel::AsioDispatcher> dispatcher_ = boost::make_shared<zel::AsioDispatcher>();
   boost::shared_ptr<TestMpaClient> client_;
 };
 
-TEST_F(MpaClientTest, RegistrationAckDataAndSendAreDeliveredAndCounted) {
+TEST_F(MpaClientTest, ConnectedClientDeliversCountsAndSends) {
   MakeClient();
   const int peer = Start();
   const int32_t cookie = client_->GetCookieId();
@@ -217,27 +202,48 @@ TEST_F(MpaClientTest, RegistrationAckDataAndSendAreDeliveredAndCounted) {
   EXPECT_EQ(1, Counter("rmq/connection/establish"));
 
   ASSERT_TRUE(SendFromMpa(peer, RMQ_CLIENT_DATA_MESSAGE, "hi"));
-  Received data = Inbox::Take();
-  EXPECT_EQ(RMQ_CLIENT_DATA_MESSAGE, data.type);
-  EXPECT_EQ((Bytes{'h', 'i'}), data.payload);
-  EXPECT_EQ("reply-queue", data.routingKey);
+  EXPECT_EQ("type=3 cookie=" + std::to_string(cookie) + " app=DORN_FABRIC_APPLICATION "
+            "rk=reply-queue len=2 payload=6869",
+            Inbox::Take().line);
   EXPECT_EQ(2, Counter("rmq/msg/rx"));
   EXPECT_EQ(1u, g_log->Count("Payload: 68 69"));
 
-  rmqClientMessage out = OutboundRecord(cookie, "answer");
+  // Type 4 is dropped before the callback; the connection stays.
+  ASSERT_TRUE(SendFromMpa(peer, 4, "x"));
+  ASSERT_TRUE(SendFromMpa(peer, RMQ_CLIENT_MPA_DATA_MESSAGE, "y"));
+  EXPECT_EQ((Bytes{'y'}), Inbox::Take().payload);
+  EXPECT_EQ(4, Counter("rmq/msg/rx"));
+  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_UNSUPPORT_MSG\"] [DORN_FABRIC_APPLICATION] Unrecognized "
+                             "RMQ messageType [4] from MPA."));
+
+  // A CLOSE with a stale cookie changes nothing.
+  rmqClientMessage close = InboundRecord(RMQ_CLIENT_CLOSE, cookie + 100);
+  client_->OnMessage(&close);
+  EXPECT_EQ(nullptr, close.rawBuffer);
+  EXPECT_EQ(1u, g_log->Count(MismatchLine(cookie + 100, cookie)));
+  EXPECT_EQ(cookie, client_->GetCookieId());
+  EXPECT_TRUE(client_->IsRegistrationAcked());
+  EXPECT_EQ(0u, Inbox::Size());
+
+  rmqClientMessage out = DataRecord(cookie, "application/protobuf", "", "answer");
   EXPECT_EQ(0, client_->SendMsg(&out));
   EXPECT_EQ(1, Counter("rmq/msg/tx"));
-  const std::vector<Element> sent = FakeMpa::ReadDoc(peer);
-  const Element* payload = Find(sent, "amqp_payload");
-  ASSERT_TRUE(payload);
-  EXPECT_EQ("answer", std::string(payload->bytes.begin(), payload->bytes.end()));
-
+  EXPECT_TRUE(Render(FakeMpa::ReadDoc(peer)).find("amqp_payload=bin0:616e73776572") != std::string::npos);
   // A record the library refuses is logged and not counted.
-  rmqClientMessage bad = OutboundRecord(-5, "lost");
-  EXPECT_EQ(ZelMpa::kMpaInvalidCookie, client_->SendMsg(&bad));
+  out.cookieId = -5;
+  EXPECT_EQ(ZelMpa::kMpaInvalidCookie, client_->SendMsg(&out));
   EXPECT_EQ(1, Counter("rmq/msg/tx"));
   EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_SENDMSG_FAILED\"] DORN_FABRIC_APPLICATION failed to "
                              "send message to MPA"));
+
+  // Close drops the connection without a CLOSE record, so no reconnect.
+  client_->Close();
+  EXPECT_EQ(ZelMpa::kMpaClientNotFound, NETClose(cookie));  // the library let it go
+  EXPECT_EQ(-1, client_->GetCookieId());
+  EXPECT_EQ(MpaClient::kStateDisconnected, client_->GetState());
+  EXPECT_FALSE(client_->IsRegistrationAcked());
+  EXPECT_EQ(-1, mpa_.Accept(100));
+  EXPECT_EQ(0u, Inbox::Size());
 }
 
 TEST_F(MpaClientTest, PeerCloseLeadsToReconnectAfterOneSecond) {
@@ -245,10 +251,7 @@ TEST_F(MpaClientTest, PeerCloseLeadsToReconnectAfterOneSecond) {
   const int peer = Start();
   const int32_t firstCookie = client_->GetCookieId();
   mpa_.ClosePeer(peer);
-  Received closed = Inbox::Take();
-  EXPECT_EQ(RMQ_CLIENT_CLOSE, closed.type);
-  EXPECT_EQ(firstCookie, closed.cookie);
-
+  ExpectReceived(RMQ_CLIENT_CLOSE, firstCookie);
   ASSERT_GE(mpa_.AcceptRegistration(kApp), 0);
   ASSERT_TRUE(g_log->WaitFor("Connected to mpa, cookie:", 2));
   EXPECT_EQ(1u, g_log->Count("[DORN_FABRIC_APPLICATION] ScheduleTimer after 1000000 microseconds"));
@@ -259,9 +262,8 @@ TEST_F(MpaClientTest, PeerCloseLeadsToReconnectAfterOneSecond) {
 }
 
 TEST_F(MpaClientTest, AbsentMpaIsRetriedAtTheConnectIntervalEvenAfterClose) {
-  TestIntervals intervals;
-  intervals.connectRetryMicros = 20000;
-  MakeClient(intervals);
+  connectRetryMicros_ = 20000;
+  MakeClient();
   client_->Start();
   EXPECT_EQ(ZelMpa::kMpaSocketError, client_->GetCookieId());
   EXPECT_EQ(MpaClient::kStateDisconnected, client_->GetState());
@@ -269,8 +271,6 @@ TEST_F(MpaClientTest, AbsentMpaIsRetriedAtTheConnectIntervalEvenAfterClose) {
   EXPECT_TRUE(g_log->InOrder({"connecting to mpa return cookie [-2001]",
                               "ScheduleTimer after 20000 microseconds", "Mpa reconnect timeout",
                               "connecting to mpa return cookie [-2001]"}));
-  EXPECT_EQ(0, Counter("rmq/connection/establish"));
-
   // Close has no connection to drop: the pending retry goes on.
   client_->Close();
   ASSERT_TRUE(mpa_.Listen());
@@ -281,22 +281,6 @@ TEST_F(MpaClientTest, AbsentMpaIsRetriedAtTheConnectIntervalEvenAfterClose) {
   EXPECT_EQ(0u, g_log->Count("need to retry connection since ACK not received"));
 }
 
-TEST_F(MpaClientTest, CloseDropsTheConnectionAndItsReconnect) {
-  TestIntervals intervals;
-  intervals.closeReconnectMicros = 1000;
-  MakeClient(intervals);
-  Start();
-  const int32_t cookie = client_->GetCookieId();
-  client_->Close();
-  EXPECT_EQ(ZelMpa::kMpaClientNotFound, NETClose(cookie));  // the library let it go
-  EXPECT_EQ(-1, client_->GetCookieId());
-  EXPECT_EQ(MpaClient::kStateDisconnected, client_->GetState());
-  EXPECT_FALSE(client_->IsRegistrationAcked());
-  // The library closes without a CLOSE record, so no reconnect follows.
-  EXPECT_EQ(-1, mpa_.Accept(100));
-  EXPECT_EQ(0u, Inbox::Size());
-}
-
 TEST_F(MpaClientTest, RecordsOfTheConnectionBeforeItsCookieIsKnown) {
   const struct {
     const char* name;
@@ -304,40 +288,37 @@ TEST_F(MpaClientTest, RecordsOfTheConnectionBeforeItsCookieIsKnown) {
     int cookieOffset;
     const char* appType;
     bool connected;  // afterwards
-    size_t mismatchLines;
   } cases[] = {
       // The ACK flag is cleared once the connection is stored, so an ACK in
       // this window is lost, and the ACK retry (where armed) re-registers.
-      {"ACK", RMQ_CLIENT_REGISTRATION_ACK, 0, kApp, true, 0},
+      {"ACK", RMQ_CLIENT_REGISTRATION_ACK, 0, kApp, true},
       // A CLOSE of the new connection is acted on, with no mismatch line.
-      {"own CLOSE", RMQ_CLIENT_CLOSE, 0, kApp, false, 0},
+      {"own CLOSE", RMQ_CLIENT_CLOSE, 0, kApp, false},
       // A CLOSE of another connection is ignored, with one mismatch line.
-      {"other CLOSE", RMQ_CLIENT_CLOSE, 1000, kApp, true, 1},
+      {"other CLOSE", RMQ_CLIENT_CLOSE, 1000, kApp, true},
       // A record of an application type without a client is dropped.
-      {"other application", RMQ_CLIENT_CLOSE, 0, "nobody", true, 0},
+      {"other application", RMQ_CLIENT_CLOSE, 0, "nobody", true},
   };
+  closeReconnectMicros_ = 60000000;
   for (const auto& t : cases) {
-    SCOPED_TRACE(t.name);
-    TestIntervals intervals;
-    intervals.closeReconnectMicros = 60000000;
     int injected = -1;
-    MakeClient(intervals, [&](int cookie, rmqClientCallback callback) {
+    MakeClient([&](int cookie, rmqClientCallback callback) {
       rmqClientMessage m = InboundRecord(t.type, (injected = cookie) + t.cookieOffset, t.appType);
       callback(&m);
     });
     Start(false);
     EXPECT_EQ(t.connected ? MpaClient::kStateConnected : MpaClient::kStateDisconnected,
-              client_->GetState());
-    EXPECT_EQ(t.connected ? injected : -1, client_->GetCookieId());
-    EXPECT_FALSE(client_->IsRegistrationAcked());
-    EXPECT_EQ(t.mismatchLines,
-              g_log->Count("MPAERR_MPA_COOKIEID_MISMATCH\"] [DORN_FABRIC_APPLICATION] Message's "
-                           "cookieId [" + std::to_string(injected + t.cookieOffset) +
-                           "] does not match with [" + std::to_string(injected) + "], ignored"));
-    EXPECT_EQ(t.connected ? 0u : 1u, g_log->Count("ScheduleTimer after 60000000 microseconds"));
+              client_->GetState()) << t.name;
+    EXPECT_EQ(t.connected ? injected : -1, client_->GetCookieId()) << t.name;
+    EXPECT_FALSE(client_->IsRegistrationAcked()) << t.name;
+    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count("MPAERR_MPA_COOKIEID_MISMATCH")) << t.name;
+    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count(MismatchLine(injected + t.cookieOffset, injected)))
+        << t.name;
+    EXPECT_EQ(t.connected ? 0u : 1u, g_log->Count("ScheduleTimer after 60000000 microseconds"))
+        << t.name;
     EXPECT_EQ(t.appType == kApp ? 0u : 1u,
               g_log->Count("MPAERR_MPA_INVALID_MSG_HANDLER\"] No callback function for app type "
-                           "nobody"));
+                           "nobody")) << t.name;
     DropClient();
     NETClose(injected);  // the library's end of a connection the client was told is gone
     g_log->Clear();
@@ -346,9 +327,8 @@ TEST_F(MpaClientTest, RecordsOfTheConnectionBeforeItsCookieIsKnown) {
 
 TEST_F(MpaClientTest, MissingAckMakesTheVerticalsRegisterAgain) {
   appType_ = MpaClient::kSwitchingVertical;
-  TestIntervals intervals;
-  intervals.ackRetryMicros = 200000;
-  MakeClient(intervals);
+  ackRetryMicros_ = 200000;
+  MakeClient();
   const int first = Start(false);
   const int32_t cookie = client_->GetCookieId();
   ASSERT_GE(mpa_.AcceptRegistration(appType_), 0);
@@ -358,44 +338,10 @@ TEST_F(MpaClientTest, MissingAckMakesTheVerticalsRegisterAgain) {
                                   "] but didn't receive RMQ_CLIENT_REGISTRATION_ACK."}));
 }
 
-TEST_F(MpaClientTest, CloseWithAStaleCookieChangesNothing) {
-  MakeClient();
-  Start();
-  const int32_t cookie = client_->GetCookieId();
-  rmqClientMessage close = InboundRecord(RMQ_CLIENT_CLOSE, cookie + 100);
-  client_->OnMessage(&close);
-  EXPECT_EQ(nullptr, close.rawBuffer);
-  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_COOKIEID_MISMATCH\"] [DORN_FABRIC_APPLICATION] Message's "
-                             "cookieId [" + std::to_string(cookie + 100) + "] does not match with [" +
-                             std::to_string(cookie) + "], ignored"));
-  EXPECT_EQ(cookie, client_->GetCookieId());
-  EXPECT_TRUE(client_->IsRegistrationAcked());
-  EXPECT_EQ(0u, Inbox::Size());
-}
-
-TEST_F(MpaClientTest, MessageTypeFourIsDroppedAndTheConnectionStays) {
-  MakeClient();
-  const int peer = Start();
-  const int32_t cookie = client_->GetCookieId();
-  ASSERT_TRUE(SendFromMpa(peer, 4, "x"));
-  ASSERT_TRUE(g_log->WaitFor("MPAERR_MPA_UNSUPPORT_MSG\"] [DORN_FABRIC_APPLICATION] Unrecognized "
-                             "RMQ messageType [4] from MPA."));
-  // The next data message arrives on the same connection, and the dropped
-  // one never reached the callback.
-  ASSERT_TRUE(SendFromMpa(peer, RMQ_CLIENT_MPA_DATA_MESSAGE, "y"));
-  Received next = Inbox::Take();
-  EXPECT_EQ(RMQ_CLIENT_MPA_DATA_MESSAGE, next.type);
-  EXPECT_EQ((Bytes{'y'}), next.payload);
-  EXPECT_EQ(cookie, client_->GetCookieId());
-  EXPECT_EQ(3, Counter("rmq/msg/rx"));
-}
-
 TEST_F(MpaClientTest, PendingReconnectAfterTearDownOnlyClearsTheCookie) {
-  TestIntervals intervals;
-  intervals.closeReconnectMicros = 1000;
-  MakeClient(intervals);
+  closeReconnectMicros_ = 1000;
+  MakeClient();
   const int peer = Start();
-
   // The dispatcher is held while the reconnect is armed and the road torn
   // down, so the reconnect runs after the tear-down.
   zel::testing::Event held, release;
@@ -421,7 +367,7 @@ TEST_F(MpaClientTest, PendingReconnectAfterTearDownOnlyClearsTheCookie) {
   EXPECT_EQ(1, Counter("rmq/connection/establish"));
 
   // From now on sends take the other road, and reconnects are not scheduled.
-  rmqClientMessage out = OutboundRecord(-1, "via proxy");
+  rmqClientMessage out = DataRecord(-1, "ct", "", "via proxy");
   EXPECT_EQ(-1, client_->SendMsg(&out));
   EXPECT_EQ(1u, g_log->Count("[DORN_FABRIC_APPLICATION] SendMsgViaTnProxy: () Not Implemented!"));
   EXPECT_EQ(0, Counter("rmq/msg/tx"));
@@ -430,16 +376,13 @@ TEST_F(MpaClientTest, PendingReconnectAfterTearDownOnlyClearsTheCookie) {
 }
 
 TEST_F(MpaClientTest, StaleAppInitSequencesStartNoHandshake) {
-  TestIntervals intervals;
-  intervals.appInitWaitMicros = 1000;
-  MakeClient(intervals);
+  MakeClient();
   const int32_t old = client_->GetNewAppInitSequenceNumber();
   const int32_t seq = client_->GetNewAppInitSequenceNumber();
   EXPECT_FALSE(client_->IsCurrentAppInitSequence(old));
   EXPECT_TRUE(client_->IsCurrentAppInitSequence(seq));
   client_->WaitAppInitTimeout(old);
   EXPECT_EQ(0, client_->handshakes);
-
   // The wait timer of the current handshake fires and starts a new one.
   client_->WaitForAppInitHandshakeCompletion(seq);
   ASSERT_TRUE(WaitUntil([&] { return client_->handshakes == 1; }));

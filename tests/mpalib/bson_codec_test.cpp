@@ -33,6 +33,9 @@ class BsonCodecTest : public ::testing::Test {
   bson b_;
 };
 
+// The bytes of every element type the protocol uses are compared with an
+// independent implementation in bson_libbson_test; here what it does not
+// show: the empty document, a wide int64 and the normalised booleans.
 TEST_F(BsonCodecTest, AppendsWriteTheWireFormatByteByByte) {
   bson empty;
   bson_init(&empty);
@@ -41,46 +44,30 @@ TEST_F(BsonCodecTest, AppendsWriteTheWireFormatByteByByte) {
             std::string("\x05\x00\x00\x00\x00", 5));
   bson_destroy(&empty);
 
-  const char bin[] = {1, 2, 3};
-  ASSERT_EQ(bson_append_int(&b_, "i", -2), BSON_OK);
   ASSERT_EQ(bson_append_long(&b_, "l", 0x0102030405060708LL), BSON_OK);
-  ASSERT_EQ(bson_append_double(&b_, "d", 1.5), BSON_OK);
   ASSERT_EQ(bson_append_bool(&b_, "t", 7), BSON_OK);
   ASSERT_EQ(bson_append_bool(&b_, "f", 0), BSON_OK);
-  ASSERT_EQ(bson_append_string(&b_, "s", "h\xC3\xA9"), BSON_OK);
-  ASSERT_EQ(bson_append_binary(&b_, "b", BSON_BIN_GENERIC, bin, 3), BSON_OK);
-  ASSERT_EQ(bson_append_binary(&b_, "o", BSON_BIN_LEGACY, bin, 3), BSON_OK);
-  bson sub;
-  bson_init(&sub);
-  ASSERT_EQ(bson_append_int(&sub, "x", 1), BSON_OK);
-  ASSERT_EQ(bson_finish(&sub), BSON_OK);
-  ASSERT_EQ(bson_append_bson(&b_, "e", &sub), BSON_OK);
-  bson_destroy(&sub);
   ASSERT_EQ(bson_finish(&b_), BSON_OK);
-
-  const std::string expected =
-      std::string("\x5E\x00\x00\x00", 4) +                                   // total 94
-      std::string("\x10i\x00\xFE\xFF\xFF\xFF", 7) +                          // int32 -2
-      std::string("\x12l\x00\x08\x07\x06\x05\x04\x03\x02\x01", 11) +         // int64
-      std::string("\x01" "d\x00\x00\x00\x00\x00\x00\x00\xF8\x3F", 11) +      // double 1.5
-      std::string("\x08t\x00\x01", 4) + std::string("\x08" "f\x00\x00", 4) + // bools
-      std::string("\x02s\x00\x04\x00\x00\x00h\xC3\xA9\x00", 11) +            // string
-      std::string("\x05" "b\x00\x03\x00\x00\x00\x00\x01\x02\x03", 11) +      // binary 0
-      std::string("\x05o\x00\x07\x00\x00\x00\x02\x03\x00\x00\x00\x01\x02\x03", 15) +  // legacy
-      std::string("\x03" "e\x00\x0C\x00\x00\x00\x10x\x00\x01\x00\x00\x00\x00", 15) +  // doc
-      std::string("\x00", 1);
-  EXPECT_EQ(Written(), expected);
-  EXPECT_EQ(static_cast<size_t>(bson_size(&b_)), expected.size());
+  EXPECT_EQ(Written(), std::string("\x18\x00\x00\x00"                        // total 24
+                                   "\x12l\x00\x08\x07\x06\x05\x04\x03\x02\x01"  // int64
+                                   "\x08t\x00\x01\x08" "f\x00\x00\x00",          // bools
+                                   24));
 }
 
 TEST_F(BsonCodecTest, GrowthKeepsContentAndStopsAtTheLargestSize) {
+  // An append that would pass the largest size sets the flag, writes nothing.
+  const char byte = 0;  // never read: the room check fails first
+  EXPECT_EQ(bson_append_binary(&b_, "b", BSON_BIN_GENERIC, &byte, INT32_MAX - 8), BSON_ERROR);
+  EXPECT_EQ(b_.err, BSON_ERR_SIZE_OVERFLOW);
+  EXPECT_EQ(bson_size(&b_), 4);
+
   const std::string big(200, 'v');
-  ASSERT_EQ(bson_append_int(&b_, "n", 5), BSON_OK);
-  ASSERT_EQ(bson_append_string(&b_, "big", big.c_str()), BSON_OK);
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(bson_append_string(&b_, "k", big.c_str()), BSON_OK);
+  std::string elems;
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(bson_append_string(&b_, "k", big.c_str()), BSON_OK);
+    elems += Elem(2, "k", Str(big));
+  }
   ASSERT_EQ(bson_finish(&b_), BSON_OK);
-  std::string elems = Elem(16, "n", Le32(5)) + Elem(2, "big", Str(big));
-  for (int i = 0; i < 50; ++i) elems += Elem(2, "k", Str(big));
   EXPECT_EQ(Written(), Doc(elems));
 
   int size = 0;
@@ -94,16 +81,6 @@ TEST_F(BsonCodecTest, GrowthKeepsContentAndStopsAtTheLargestSize) {
   EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 100, &size), BSON_ERROR);
   EXPECT_EQ(bson_grow_size(INT32_MAX - 100, 101, &size), BSON_ERROR);
   EXPECT_EQ(size, -7);
-
-  // An append that would pass the largest size sets the flag, writes nothing.
-  bson small;
-  bson_init(&small);
-  const char byte = 0;  // never read: the room check fails first
-  EXPECT_EQ(bson_append_binary(&small, "b", BSON_BIN_GENERIC, &byte, INT32_MAX - 8), BSON_ERROR);
-  EXPECT_EQ(small.err, BSON_ERR_SIZE_OVERFLOW);
-  EXPECT_EQ(bson_finish(&small), BSON_OK);
-  EXPECT_EQ(std::string(small.data, 5), Doc(""));
-  bson_destroy(&small);
 }
 
 std::vector<std::string> g_hookCalls;
@@ -332,8 +309,12 @@ TEST_F(BsonDamageTest, LengthFieldsThatLieAreCorrupt) {
   EXPECT_EQ(bson_iterator_int(&it), 1);
   EXPECT_EQ(bson_iterator_next(&it), BSON_ELEM_EOO);
   EXPECT_FALSE(bson_iterator_corrupt(&it));
-  // The empty document is whole to every walk at exactly its 5 bytes.
-  for (Walk walk : {kOwnLength, kBounded, kFrame}) EXPECT_EQ(WalkCopy(Doc(""), walk), 0);
+  // The empty document is whole to every walk at exactly its 5 bytes, and a
+  // frame of its first 4 is corrupt: the fifth is not read.
+  const std::string empty = Doc("");
+  for (Walk walk : {kOwnLength, kBounded, kFrame}) EXPECT_EQ(WalkCopy(empty, walk), 0);
+  bson_iterator_from_frame(&it, empty.data(), 4);
+  EXPECT_TRUE(bson_iterator_corrupt(&it));
 }
 
 // ---- Fatal paths ----------------------------------------------------------

@@ -24,6 +24,19 @@ BSON Finished(int32_t x) {
 
 std::string Wire(const BSON& doc) { return AsString(doc.dataPtr(), doc.size()); }
 
+// Steps `it` and reads the new element with `get`, which must succeed for
+// an element named `key` of kind `type`.
+template <class T>
+T Next(BsonIterator& it, BsonIterator::Type type, const char* key,
+       int (BsonIterator::*get)(const char*&, T&) const) {
+  T value{};
+  const char* name = nullptr;
+  EXPECT_EQ(it.next(), type);
+  EXPECT_EQ((it.*get)(name, value), 0);
+  EXPECT_STREQ(name, key);
+  return value;
+}
+
 TEST(BsonObjectTest, EveryAppendRoundTripsThroughTheGetters) {
   const uint8_t payload[] = {0, 1, 2, 0xFF};
   BSON headers = Finished(7);
@@ -45,46 +58,32 @@ TEST(BsonObjectTest, EveryAppendRoundTripsThroughTheGetters) {
   EXPECT_FALSE(doc.isFinished());
   ASSERT_EQ(doc.finish(), 0);
   ASSERT_TRUE(doc.isFinished());
+
   BsonIterator it(doc);
-  const char* key = nullptr;
-  int32_t i = 0;
-  int64_t l = 0;
-  double d = 0;
-  bool b = false;
-  const char* s = nullptr;
-  const uint8_t* bin = nullptr;
-  size_t len = 0;
-  ASSERT_EQ(it.next(), BsonIterator::INT);
-  ASSERT_EQ(it.getInt(key, i), 0);
-  EXPECT_STREQ(key, "int");
-  EXPECT_EQ(i, -12);
-  ASSERT_EQ(it.next(), BsonIterator::LONG);
-  ASSERT_EQ(it.getLong(key, l), 0);
-  EXPECT_EQ(l, -(int64_t{1} << 50));
-  ASSERT_EQ(it.next(), BsonIterator::DOUBLE);
-  ASSERT_EQ(it.getDouble(key, d), 0);
-  EXPECT_EQ(d, 6.02e23);
-  ASSERT_EQ(it.next(), BsonIterator::BOOL);
-  ASSERT_EQ(it.getBool(key, b), 0);
-  EXPECT_TRUE(b);
-  ASSERT_EQ(it.next(), BsonIterator::STRING);
-  ASSERT_EQ(it.getString(key, s), 0);
+  EXPECT_EQ(Next(it, BsonIterator::INT, "int", &BsonIterator::getInt), -12);
+  EXPECT_EQ(Next(it, BsonIterator::LONG, "long", &BsonIterator::getLong), -(int64_t{1} << 50));
+  EXPECT_EQ(Next(it, BsonIterator::DOUBLE, "double", &BsonIterator::getDouble), 6.02e23);
+  EXPECT_TRUE(Next(it, BsonIterator::BOOL, "bool", &BsonIterator::getBool));
+  // Texts and binaries point into the document.
+  const char* s = Next(it, BsonIterator::STRING, "string", &BsonIterator::getString);
   EXPECT_STREQ(s, "h\xC3\xA9llo");
-  EXPECT_GT(s, reinterpret_cast<const char*>(doc.dataPtr()));  // points into the document
-  EXPECT_LT(s, reinterpret_cast<const char*>(doc.dataPtr() + doc.size()));
-  ASSERT_EQ(it.next(), BsonIterator::BINARY);
-  ASSERT_EQ(it.getBinary(key, bin, len), 0);
-  EXPECT_EQ(std::vector<uint8_t>(bin, bin + len), std::vector<uint8_t>(payload, payload + 4));
-  ASSERT_EQ(it.next(), BsonIterator::BINARY);
-  ASSERT_EQ(it.getBinary(key, bin, len), 0);
-  EXPECT_EQ(len, 0u);
-  ASSERT_EQ(it.next(), BsonIterator::OBJECT);
-  BSON copy;
-  ASSERT_EQ(it.getObject(key, copy), 0);
+  EXPECT_TRUE(s > reinterpret_cast<const char*>(doc.dataPtr()) &&
+              s < reinterpret_cast<const char*>(doc.dataPtr() + doc.size()));
+  for (size_t len : {4u, 0u}) {
+    const uint8_t* bin = nullptr;
+    size_t got = 9;
+    const char* key = nullptr;
+    ASSERT_EQ(it.next(), BsonIterator::BINARY);
+    ASSERT_EQ(it.getBinary(key, bin, got), 0);
+    EXPECT_EQ(std::vector<uint8_t>(bin, bin + got), std::vector<uint8_t>(payload, payload + len));
+  }
+  // getObject copies, getRaw wraps in place.
+  const BSON copy = Next(it, BsonIterator::OBJECT, "object", &BsonIterator::getObject);
   EXPECT_EQ(Wire(copy), Wire(headers));
   EXPECT_NE(copy.dataPtr(), headers.dataPtr());
-  ASSERT_EQ(it.next(), BsonIterator::OBJECT);
+  const char* key = nullptr;
   bson inPlace;
+  ASSERT_EQ(it.next(), BsonIterator::OBJECT);
   ASSERT_EQ(it.getRaw(key, &inPlace), 0);
   EXPECT_STREQ(key, "raw");
   EXPECT_GT(inPlace.data, reinterpret_cast<const char*>(doc.dataPtr()));
@@ -170,6 +169,17 @@ TEST(BsonObjectTest, UnlistedElementTypesAreUnsupportedAndSkipped) {
   EXPECT_STREQ(it.key(), "after");
 }
 
+// The text of the std::invalid_argument that `make` throws.
+template <class F>
+std::string InvalidArgument(F make) {
+  try {
+    make();
+  } catch (const std::invalid_argument& e) {
+    return e.what();
+  }
+  return "no exception";
+}
+
 TEST(BsonObjectTest, ConstructorsCopyWellFormedBytesAndRefuseTheRest) {
   const std::vector<uint8_t> bytes = Bytes(Doc(Elem(16, "x", Le32(1))));
   BSON copy(bytes.data());
@@ -179,35 +189,29 @@ TEST(BsonObjectTest, ConstructorsCopyWellFormedBytesAndRefuseTheRest) {
   EXPECT_EQ(copy.appendInt("y", 2), -1);
   EXPECT_EQ(BSON(bytes.data(), bytes.size()).size(), 12);
 
-  try {
-    BSON bad(static_cast<const uint8_t*>(nullptr));
-    FAIL();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "BSON::BSON(uint8_t *data) NULL data arg");
-  }
+  EXPECT_EQ(InvalidArgument([] { BSON(static_cast<const uint8_t*>(nullptr)); }),
+            "BSON::BSON(uint8_t *data) NULL data arg");
   for (const std::string& m : {Le32(0) + '\0', Le32(-3) + '\0', Le32(4) + '\0', Le32(5) + 'x'}) {
-    try {
-      BSON bad(Bytes(m).data());
-      FAIL() << testing::PrintToString(m);
-    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "BSON::BSON(uint8_t *data) data arg is not properly formed bson.");
-    }
+    EXPECT_EQ(InvalidArgument([&m] { BSON(Bytes(m).data()); }),
+              "BSON::BSON(uint8_t *data) data arg is not properly formed bson.");
   }
-  // The bounded form also refuses a document longer than the bytes given.
-  EXPECT_THROW(BSON(bytes.data(), bytes.size() - 1), std::invalid_argument);
-  EXPECT_THROW(BSON(bytes.data(), 3), std::invalid_argument);
-
-  try {
-    BsonIterator it(static_cast<const uint8_t*>(nullptr));
-    FAIL();
-  } catch (const std::invalid_argument& e) {
-    EXPECT_STREQ(e.what(), "ctor BsonIterator::BsonIterator(const uint8_t *data)  NULL data arg.");
-  }
+  EXPECT_EQ(InvalidArgument([] { BsonIterator(static_cast<const uint8_t*>(nullptr)); }),
+            "ctor BsonIterator::BsonIterator(const uint8_t *data)  NULL data arg.");
   EXPECT_THROW(BsonIterator(nullptr, 10), std::invalid_argument);
-  // Short bytes and unfinished documents read as corrupt.
-  BsonIterator shortIt(bytes.data(), bytes.size() - 1);
-  EXPECT_EQ(shortIt.next(), BsonIterator::END);
-  EXPECT_TRUE(shortIt.isCorrupt());
+  EXPECT_THROW(BsonIterator::OverFrame(nullptr, 10), std::invalid_argument);
+
+  // The bounded forms also refuse a document longer than the bytes given,
+  // and take the empty document at exactly its 5 bytes.
+  EXPECT_THROW(BSON(bytes.data(), bytes.size() - 1), std::invalid_argument);
+  const std::vector<uint8_t> empty = Bytes(Doc(""));
+  EXPECT_EQ(BSON(empty.data(), 5).size(), 5);
+  EXPECT_THROW(BSON(empty.data(), 4), std::invalid_argument);
+  for (size_t avail : {size_t{5}, bytes.size() - 1}) {
+    BsonIterator it(avail == 5 ? empty.data() : bytes.data(), avail);
+    EXPECT_EQ(it.next(), BsonIterator::END);
+    EXPECT_EQ(it.isCorrupt(), avail != 5) << avail;
+  }
+  // An unfinished document reads as corrupt.
   BSON open;
   open.appendInt("a", 1);
   BsonIterator openIt(open);

@@ -32,15 +32,6 @@ struct Conn {
   std::vector<Element> registration;
 };
 
-rmqClientMessage Message(const char* contentType, const char* routingKey) {
-  rmqClientMessage m;
-  std::memset(&m, 0, sizeof m);
-  m.messageType = 3;
-  m.amqpContentType = contentType;
-  m.amqpRoutingKey = routingKey;
-  return m;
-}
-
 Bytes TypeFrame(int64_t type) { return Frame(Doc().Int64("msg_type", type).Finish()); }
 
 const Bytes kHeaders = Doc().String("amqp_correlationId", "corr-1").Finish();
@@ -84,7 +75,7 @@ class MpaLibClientTest : public ::testing::Test {
 TEST_F(MpaLibClientTest, RegistrationsAndDataMessagesHaveTheirLayout) {
   Conn c = Open();
   ASSERT_EQ(5u, c.registration.size());
-  const std::string id = c.registration[3].text;
+  const std::string id = c.registration[3].value;
   EXPECT_TRUE(std::regex_match(id, std::regex("^[1-9][0-9]*$")));
   EXPECT_EQ("msg_type=1 app_type=\"DORN_FABRIC_APPLICATION\" app_id=\"zel\" amqp-message-id=\"" +
                 id + "\" session-id=\"no-session\"",
@@ -102,7 +93,7 @@ TEST_F(MpaLibClientTest, RegistrationsAndDataMessagesHaveTheirLayout) {
   ASSERT_EQ(0, headers.appendString("amqp_correlationId", "c-9"));
   ASSERT_EQ(0, headers.finish());
   const uint8_t payload[] = {9, 8, 7, 0, 6};
-  rmqClientMessage m = Message("application/protobuf", "route");
+  rmqClientMessage m = DataRecord(-1, "application/protobuf", "route");
   m.appType = "ignored: the client's own type is sent";
   m.amqpHeaders = headers.raw();
   m.payload = payload;
@@ -114,7 +105,7 @@ TEST_F(MpaLibClientTest, RegistrationsAndDataMessagesHaveTheirLayout) {
   EXPECT_EQ("msg_type=3 app_type=\"DORN_FABRIC_APPLICATION\" app_id=true amqp_headers=doc:" +
                 Hex(Doc().String("amqp_correlationId", "c-9").Finish()) +
                 " content_type=\"application/protobuf\" amqp_routing_key=\"route\" "
-                "amqp_payload=bin:0908070006 payload_len=5 amqp-message-id=\"" + next +
+                "amqp_payload=bin0:0908070006 payload_len=5 amqp-message-id=\"" + next +
                 "\" session-id=\"" + session + "\"",
             Render(FakeMpa::ReadDoc(c.peer)));
   EXPECT_EQ(session + ":" + next, std::string(out));
@@ -166,7 +157,7 @@ TEST_F(MpaLibClientTest, SendEdgeCases) {
   char id[kMpaMessageIdSize];
   // Missing content type or routing key: nothing is written; the next frame
   // on the wire is the valid message below.
-  rmqClientMessage noType = Message(nullptr, "rk"), noKey = Message("ct", nullptr);
+  rmqClientMessage noType = DataRecord(-1, nullptr, "rk"), noKey = DataRecord(-1, "ct", nullptr);
   EXPECT_EQ(kMpaFailure, c.client->Send(&noType, session.c_str(), id));
   EXPECT_EQ(session + ":no-seq", std::string(id));
   EXPECT_EQ(kMpaFailure, c.client->Send(&noKey, session.c_str(), nullptr));
@@ -177,16 +168,16 @@ TEST_F(MpaLibClientTest, SendEdgeCases) {
 
   // A payload pointer with length 0 writes neither payload key; a missing
   // session is sent and reported as "no-session".
-  rmqClientMessage m = Message("ct", "rk");
+  rmqClientMessage m = DataRecord(-1, "ct", "rk");
   m.payload = reinterpret_cast<const uint8_t*>("x");
   ASSERT_EQ(kMpaOk, c.client->Send(&m, nullptr, id));
   const std::vector<Element> msg = FakeMpa::ReadDoc(c.peer);
   ASSERT_EQ(7u, msg.size());
   EXPECT_EQ("msg_type=3 app_type=\"DORN_FABRIC_APPLICATION\" app_id=true content_type=\"ct\" "
-            "amqp_routing_key=\"rk\" amqp-message-id=\"" + msg[5].text +
+            "amqp_routing_key=\"rk\" amqp-message-id=\"" + msg[5].value +
                 "\" session-id=\"no-session\"",
             Render(msg));
-  EXPECT_EQ("no-session:" + msg[5].text, std::string(id));
+  EXPECT_EQ("no-session:" + msg[5].value, std::string(id));
 
   // Headers that are not a finished document are refused by the codec.
   BSON open;
@@ -212,7 +203,7 @@ TEST_F(MpaLibClientTest, ReceiveDeliversEveryFieldAndSkipsUnknownKeys) {
   EXPECT_EQ("type=8 cookie=" + std::to_string(c.cookie) +
                 " app=DORN_FABRIC_APPLICATION id=mp-app rk=rk ct=application/protobuf v=7.3 len=4 "
                 "payload=01020304 headers=" + Hex(kHeaders),
-            Describe(Inbox::Take(kNow)));
+            Inbox::Take(kNow).line);
 
   // Unknown keys are logged and skipped; missing fields stay zero.
   EXPECT_EQ(kMpaOk, Feed(c, Frame(Doc()
@@ -224,7 +215,7 @@ TEST_F(MpaLibClientTest, ReceiveDeliversEveryFieldAndSkipsUnknownKeys) {
                                       .Raw(1, "extra_d", Le(0, 8))
                                       .String("content_type", "ct")
                                       .Finish())));
-  EXPECT_EQ("type=0 cookie=" + std::to_string(c.cookie) + " ct=ct len=0", Describe(Inbox::Take(kNow)));
+  EXPECT_EQ("type=0 cookie=" + std::to_string(c.cookie) + " ct=ct len=0", Inbox::Take(kNow).line);
   EXPECT_TRUE(log_.InOrder({"MPALIBCLIENT: Unsupported string key:extra_s and value:x in BSON",
                             "MPALIBCLIENT: Unsupported long Key extra_l and value 42 in BSON",
                             "MPA108\"] MPALIBCLIENT: Unsupported Key extra_o of type BSON",
@@ -377,7 +368,7 @@ TEST_F(MpaLibClientTest, CloseKeepsTheClosedSocket) {
   EXPECT_EQ(kMpaOk, c.client->Close(true));
   EXPECT_EQ("type=5 cookie=" + std::to_string(c.cookie) + " app=DORN_FABRIC_APPLICATION id=zel "
             "len=0 raw=app",
-            Describe(Inbox::Take(kNow)));
+            Inbox::Take(kNow).line);
   EXPECT_EQ("no-session", c.client->GetSessionId());
   EXPECT_TRUE(WaitForEof(c.peer));
 
@@ -391,7 +382,7 @@ TEST_F(MpaLibClientTest, CloseKeepsTheClosedSocket) {
                             "socket -1, for AppName DORN_FABRIC_APPLICATION: Reason SocketError"}));
   EXPECT_EQ(kMpaOk, c.client->Close(true));
   EXPECT_EQ("type=5 cookie=-1 app=DORN_FABRIC_APPLICATION id=zel len=0 raw=app",
-            Describe(Inbox::Take(kNow)));
+            Inbox::Take(kNow).line);
   EXPECT_EQ(0u, log_.Count("MPA132") + log_.Count("is not open or is already closed"));
 
   // Without notify nothing is delivered; a client that never had a socket
@@ -417,7 +408,7 @@ TEST_F(MpaLibClientTest, SendThatNeverGetsRoomExitsTheProcess) {
         Conn c = Open();
         // Far more than the socket buffers of both ends can hold.
         std::vector<uint8_t> big(32 * 1024 * 1024, 0x5a);
-        rmqClientMessage m = Message("ct", "rk");
+        rmqClientMessage m = DataRecord(-1, "ct", "rk");
         m.payload = big.data();
         m.payloadLen = static_cast<int64_t>(big.size());
         c.client->Send(&m, c.client->GetSessionId().c_str(), nullptr);

@@ -19,9 +19,10 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "mpalib/bson_codec.h"
 #include "mpalib/rmq_client_message.h"
@@ -76,14 +77,18 @@ inline Bytes Frame(const Bytes& doc) {
   return Cat({uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)}, doc);
 }
 
-// One element of a document the library wrote.
+inline std::string Hex(const Bytes& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (uint8_t b : bytes) out += {kDigits[b >> 4], kDigits[b & 15]};
+  return out;
+}
+
+// One element of a document the library wrote, its value as text: a number,
+// true or false, the string itself, or bin<subtype>:<hex> and doc:<hex>.
 struct Element {
+  std::string key, value;
   int type = 0;
-  std::string key;
-  int64_t i64 = 0;   // int64, int32, bool
-  std::string text;  // string
-  Bytes bytes;       // binary payload, or an embedded document whole
-  int subtype = -1;  // binary
 };
 
 // The elements of `doc`, of the types the library writes; empty when the
@@ -93,46 +98,32 @@ inline std::vector<Element> ParseDoc(const Bytes& doc) {
   std::vector<Element> out;
   if (doc.size() < 5 || GetLe(p, 4) != doc.size() || doc.back() != 0) return {};
   for (size_t pos = 4, end = doc.size() - 1; pos < end;) {
-    Element e;
-    e.type = p[pos++];
+    const int type = p[pos++];
     const void* nul = std::memchr(p + pos, 0, end - pos);
     if (nul == nullptr) return {};
-    e.key.assign(reinterpret_cast<const char*>(p + pos));
+    Element e{reinterpret_cast<const char*>(p + pos), "", type};
     pos = static_cast<const uint8_t*>(nul) - p + 1;
-    const size_t fixed = e.type == 18 ? 8 : e.type == 16 ? 4 : e.type == 8 ? 1 : 0;
-    const size_t head = e.type == 2 ? 4 : e.type == 5 ? 5 : 0;
-    if (!(fixed || head || e.type == 3) || pos + (fixed ? fixed : 5) > end) return {};
-    const size_t size = fixed ? fixed : head + static_cast<uint32_t>(GetLe(p + pos, 4));
-    if (pos + size > end || (e.type == 2 && (size < 5 || p[pos + size - 1] != 0))) return {};
-    if (fixed) e.i64 = fixed == 4 ? int32_t(GetLe(p + pos, 4)) : int64_t(GetLe(p + pos, int(fixed)));
-    if (e.type == 2) e.text.assign(reinterpret_cast<const char*>(p + pos + 4), size - 5);
-    if (e.type == 5) e.subtype = p[pos + 4];
-    if (!fixed && e.type != 2) e.bytes.assign(p + pos + (e.type == 5 ? 5 : 0), p + pos + size);
+    const size_t fixed = type == 18 ? 8 : type == 16 ? 4 : type == 8 ? 1 : 0;
+    if (!(fixed || type == 2 || type == 3 || type == 5) || pos + (fixed ? fixed : 5) > end) return {};
+    const size_t size = fixed ? fixed : (type == 2 ? 4 : type == 5 ? 5 : 0) + GetLe(p + pos, 4);
+    if (pos + size > end || (type == 2 && (size < 5 || p[pos + size - 1] != 0))) return {};
+    const uint64_t n = GetLe(p + pos, int(fixed));
+    if (type == 18 || type == 16) e.value = std::to_string(type == 16 ? int32_t(n) : int64_t(n));
+    if (type == 8) e.value = n ? "true" : "false";
+    if (type == 2) e.value.assign(reinterpret_cast<const char*>(p + pos + 4), size - 5);
+    if (type == 5) e.value = "bin" + std::to_string(p[pos + 4]) + ":" + Hex(Bytes(&p[pos + 5], p + pos + size));
+    if (type == 3) e.value = "doc:" + Hex(Bytes(&p[pos], p + pos + size));
     pos += size;
     out.push_back(std::move(e));
   }
   return out;
 }
 
-inline std::string Hex(const Bytes& bytes) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string out;
-  for (uint8_t b : bytes) out += {kDigits[b >> 4], kDigits[b & 15]};
-  return out;
-}
-
-// The elements in document order, each as key=value with its type shown:
-// 3, i32:3, true, "text", bin:<hex> (subtype 0), doc:<hex>.
+// The elements in document order as key=value, strings quoted.
 inline std::string Render(const std::vector<Element>& elements) {
   std::string out;
   for (const Element& e : elements) {
-    out += (out.empty() ? "" : " ") + e.key + "=";
-    if (e.type == 18) out += std::to_string(e.i64);
-    if (e.type == 16) out += "i32:" + std::to_string(e.i64);
-    if (e.type == 8) out += e.i64 ? "true" : "false";
-    if (e.type == 2) out += '"' + e.text + '"';
-    if (e.type == 5) out += (e.subtype == 0 ? "bin:" : "bin" + std::to_string(e.subtype) + ":") + Hex(e.bytes);
-    if (e.type == 3) out += "doc:" + Hex(e.bytes);
+    out += (out.empty() ? "" : " ") + e.key + "=" + (e.type == 2 ? '"' + e.value + '"' : e.value);
   }
   return out;
 }
@@ -215,7 +206,7 @@ class FakeMpa {
     const std::vector<Element> reg = fd >= 0 ? ReadDoc(fd) : std::vector<Element>();
     const Element* type = Find(reg, "msg_type");
     const Element* app = Find(reg, "app_type");
-    return type && type->i64 == RMQ_CLIENT_REGISTRATION && app && app->text == appType ? fd : -1;
+    return type && type->value == "1" && app && app->value == appType ? fd : -1;
   }
   void ClosePeer(int fd) {
     peers_.erase(std::remove(peers_.begin(), peers_.end(), fd), peers_.end());
@@ -237,33 +228,27 @@ class FakeMpa {
   std::vector<int> peers_;
 };
 
-// What a callback received, copied out of the record; unset optionals were
-// null pointers.
-struct Received {
-  int32_t type = 0, cookie = 0, major = 0, minor = 0;
-  int64_t payloadLen = 0;
-  std::optional<std::string> appType, appId, routingKey, contentType;
-  std::optional<Bytes> payload;  // payloadLen bytes
-  std::optional<Bytes> headers;  // the embedded document; empty when not a finished one
-  bool rawBufferIsAppType = false;
-};
-
-// The record's fields in one line; null pointers are left out.
-inline std::string Describe(const Received& r) {
-  std::string out = "type=" + std::to_string(r.type) + " cookie=" + std::to_string(r.cookie);
-  auto add = [&out](const char* name, const std::optional<std::string>& v) {
-    if (v) out += std::string(" ") + name + "=" + *v;
-  };
-  add("app", r.appType);
-  add("id", r.appId);
-  add("rk", r.routingKey);
-  add("ct", r.contentType);
-  if (r.major || r.minor) out += " v=" + std::to_string(r.major) + "." + std::to_string(r.minor);
-  out += " len=" + std::to_string(r.payloadLen);
-  if (r.payload) out += " payload=" + Hex(*r.payload);
-  if (r.headers) out += " headers=" + Hex(*r.headers);
-  return out + (r.rawBufferIsAppType ? " raw=app" : "");
+// A zeroed outbound record of type 3 (data); `payload` must outlive it.
+inline rmqClientMessage DataRecord(int cookie, const char* contentType, const char* routingKey,
+                                   const char* payload = nullptr) {
+  rmqClientMessage m;
+  std::memset(&m, 0, sizeof m);
+  m.messageType = RMQ_CLIENT_DATA_MESSAGE;
+  m.cookieId = cookie;
+  m.amqpContentType = contentType;
+  m.amqpRoutingKey = routingKey;
+  m.payload = reinterpret_cast<const uint8_t*>(payload);
+  m.payloadLen = payload ? static_cast<int64_t>(std::strlen(payload)) : 0;
+  return m;
 }
+
+// What a callback received, copied out of the record.
+struct Received {
+  int32_t type = -1, cookie = -1;
+  int64_t payloadLen = 0;
+  Bytes payload;     // payloadLen bytes, when there was a payload
+  std::string line;  // every field; null pointers are left out
+};
 
 // Records every record handed to Callback (which frees rawBuffer, as an
 // application of the library must, so that the sanitizers see ownership
@@ -271,54 +256,61 @@ inline std::string Describe(const Received& r) {
 class Inbox {
  public:
   static void Record(rmqClientMessage* m) {
-    auto text = [](const char* s) { return s ? std::optional<std::string>(s) : std::nullopt; };
-    Received r{m->messageType, m->cookieId, m->mpMajorVersion, m->mpMinorVersion, m->payloadLen,
-               text(m->appType), text(m->appId), text(m->amqpRoutingKey), text(m->amqpContentType),
-               std::nullopt, std::nullopt, false};
-    if (m->payload) r.payload = Bytes(m->payload, m->payload + std::max<int64_t>(m->payloadLen, 0));
+    Received r{m->messageType, m->cookieId, m->payloadLen, {}, ""};
+    r.line = "type=" + std::to_string(r.type) + " cookie=" + std::to_string(r.cookie);
+    const std::pair<const char*, const char*> texts[] = {
+        {"app", m->appType}, {"id", m->appId}, {"rk", m->amqpRoutingKey}, {"ct", m->amqpContentType}};
+    for (const auto& [name, v] : texts) r.line += v ? std::string(" ") + name + "=" + v : "";
+    if (m->mpMajorVersion || m->mpMinorVersion) {
+      r.line += " v=" + std::to_string(m->mpMajorVersion) + "." + std::to_string(m->mpMinorVersion);
+    }
+    r.line += " len=" + std::to_string(r.payloadLen);
+    if (m->payload) {
+      r.payload.assign(m->payload, m->payload + std::max<int64_t>(r.payloadLen, 0));
+      r.line += " payload=" + Hex(r.payload);
+    }
     if (const bson* h = m->amqpHeaders) {
       const auto* d = reinterpret_cast<const uint8_t*>(h->data);
-      r.headers = h->finished && d ? Bytes(d, d + GetLe(d, 4)) : Bytes();
+      r.line += " headers=" + (h->finished && d ? Hex(Bytes(d, d + GetLe(d, 4))) : "?");
     }
-    r.rawBufferIsAppType = m->rawBuffer && reinterpret_cast<const char*>(m->rawBuffer) == m->appType;
-    std::lock_guard<std::mutex> lock(Get().mutex);
-    Get().queue.push_back(std::move(r));
+    if (m->rawBuffer && reinterpret_cast<const char*>(m->rawBuffer) == m->appType) r.line += " raw=app";
+    std::lock_guard<std::mutex> lock(mutex_);
+    queue_.push_back(std::move(r));
   }
   static void Callback(rmqClientMessage* m) {
     Record(m);
     std::free(m->rawBuffer);
   }
 
-  // Takes the oldest record, waiting for one at most `timeout`; a record of
-  // type -1 when none came.
+  // Takes the oldest record, waiting for one at most `timeout`; one of type
+  // -1 when none came.
   static Received Take(std::chrono::milliseconds timeout = zel::testing::kDeadline) {
-    Received r;
-    r.type = -1;
-    if (!zel::testing::WaitUntil([] { return Size() > 0; }, timeout)) return r;
-    std::lock_guard<std::mutex> lock(Get().mutex);
-    r = std::move(Get().queue.front());
-    Get().queue.pop_front();
+    if (!zel::testing::WaitUntil([] { return Size() > 0; }, timeout)) return Received();
+    std::lock_guard<std::mutex> lock(mutex_);
+    Received r = std::move(queue_.front());
+    queue_.pop_front();
     return r;
   }
   static size_t Size() {
-    std::lock_guard<std::mutex> lock(Get().mutex);
-    return Get().queue.size();
+    std::lock_guard<std::mutex> lock(mutex_);
+    return queue_.size();
   }
   static void Clear() {
-    std::lock_guard<std::mutex> lock(Get().mutex);
-    Get().queue.clear();
+    std::lock_guard<std::mutex> lock(mutex_);
+    queue_.clear();
   }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::deque<Received> queue;
-  };
-  static State& Get() {
-    static State state;
-    return state;
-  }
+  static inline std::mutex mutex_;
+  static inline std::deque<Received> queue_;  // guarded by mutex_
 };
+
+// Takes the next record and checks its type and cookie.
+inline void ExpectReceived(int32_t type, int cookie) {
+  const Received r = Inbox::Take();
+  EXPECT_EQ(type, r.type);
+  EXPECT_EQ(cookie, r.cookie);
+}
 
 }  // namespace mpa_test
 
