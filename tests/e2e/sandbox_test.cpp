@@ -188,6 +188,19 @@ TEST(SandboxTeardownTest, LeavesNoProcessesOrMounts) {
   EXPECT_EQ(zel::testing::TempDir::ReadFile("/proc/self/mountinfo"), mounts);
 }
 
+TEST(SandboxHolderTest, RefusesToMountInTheNamespaceItWasStartedFrom) {
+  // Run by hand, its parent shares its mount namespace: nothing may be
+  // mounted. The namespace here is a throw-away one, so that even a broken
+  // check could not touch the machine's mounts.
+  std::string out;
+  EXPECT_EQ(RunHost(std::string("unshare --mount -- sh -c 'sh ") + ZEL_SANDBOX_HOLD +
+                        "; echo exit $?; grep -c zel-sandbox /proc/self/mountinfo || true'",
+                    &out),
+            0)
+      << out;
+  EXPECT_EQ(out, "error: not in a mount namespace of its own; refusing to mount anything\nexit 1\n0\n");
+}
+
 TEST(SandboxCliTest, RunsACommandWithFilesAndStandinsAndTellsHowItEnded) {
   zel::testing::TempDir dir;
   const std::string conf = dir.WriteFile("dornConfig.ini", "[CommunicationHandler]\nackTimeout=7\n");

@@ -163,52 +163,8 @@ Sandbox::Sandbox(const std::vector<std::string>& standins) {
                        "; it unshares namespaces and mounts");
   }
   try {
-    int control[2], report[2];
-    if (pipe2(control, O_CLOEXEC) != 0 || pipe2(report, O_CLOEXEC) != 0) throw SandboxError(Errno("pipe"));
-    control_ = control[1];
-    // Trees under /tmp that programs inside run from stay visible there.
-    char self[4096] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    const std::string exe_dir = std::string(self, n > 0 ? static_cast<size_t>(n) : 0);
-    SpawnAttributes sa;
-    sa.Dup(control[0], STDIN_FILENO);
-    sa.Dup(report[1], STDOUT_FILENO);
-    const pid_t pid = sa.Spawn({kUnshare, "--mount", "--net", "--", "/bin/sh", ZEL_SANDBOX_HOLD_SCRIPT,
-                                exe_dir.substr(0, exe_dir.rfind('/')), ZEL_SOURCE_DIR, ZEL_BINARY_DIR},
-                               {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
-    holder_.reset(new Process(pid, "holder", -1, -1));
-    close(control[0]);
-    close(report[1]);
-
-    std::string said;
-    const auto deadline = Clock::now() + std::chrono::seconds(30);
-    while (said.find("ready\n") == std::string::npos && Clock::now() < deadline) {
-      pollfd p = {report[0], POLLIN, 0};
-      poll(&p, 1, 100);
-      char buf[256];
-      const ssize_t got = (p.revents != 0) ? read(report[0], buf, sizeof buf) : -1;
-      if (got == 0) break;
-      if (got > 0) said.append(buf, static_cast<size_t>(got));
-    }
-    close(report[0]);
-    if (said.find("ready\n") == std::string::npos) {
-      throw SandboxError("sandbox holder did not start (needs overlayfs, unshare and ip): " + said);
-    }
-
-    root_ = open(("/proc/" + std::to_string(pid) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (root_ < 0) throw SandboxError(Errno("open the sandbox's root"));
-
-    log_socket_ = SocketInside(AF_INET, SOCK_DGRAM);
-    const int big = 8 << 20;  // the agent logs in bursts; keep them until read
-    setsockopt(log_socket_, SOL_SOCKET, SO_RCVBUFFORCE, &big, sizeof big);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(kSyslogPort);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(log_socket_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      throw SandboxError(Errno("bind the log socket"));
-    }
-
+    StartHolder();
+    OpenLogSocket();
     AddStandin("reboot", kRebootStandin);
     for (const std::string& path : standins) {
       std::ifstream in(path, std::ios::binary);
@@ -225,6 +181,63 @@ Sandbox::Sandbox(const std::vector<std::string>& standins) {
   } catch (...) {
     Shutdown();
     throw;
+  }
+}
+
+void Sandbox::StartHolder() {
+  int control[2], report[2];
+  if (pipe2(control, O_CLOEXEC) != 0) throw SandboxError(Errno("pipe"));
+  control_ = control[1];
+  if (pipe2(report, O_CLOEXEC) != 0) {
+    close(control[0]);
+    throw SandboxError(Errno("pipe"));
+  }
+  // Trees under /tmp that programs inside run from stay visible there.
+  char self[4096] = {};
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  const std::string exe = std::string(self, n > 0 ? static_cast<size_t>(n) : 0);
+  SpawnAttributes sa;
+  sa.Dup(control[0], STDIN_FILENO);
+  sa.Dup(report[1], STDOUT_FILENO);
+  try {
+    const pid_t pid = sa.Spawn({kUnshare, "--mount", "--net", "--", "/bin/sh", ZEL_SANDBOX_HOLD_SCRIPT,
+                                exe.substr(0, exe.rfind('/')), ZEL_SOURCE_DIR, ZEL_BINARY_DIR},
+                               {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
+    holder_.reset(new Process(pid, "holder", -1, -1));
+  } catch (...) {
+    for (int fd : {control[0], report[0], report[1]}) close(fd);
+    throw;
+  }
+  close(control[0]);
+  close(report[1]);
+
+  // The holder says "ready" and closes its end; an error text otherwise.
+  std::string said;
+  const auto deadline = Clock::now() + std::chrono::seconds(30);
+  for (ssize_t got = -1; got != 0 && Clock::now() < deadline;) {
+    pollfd p = {report[0], POLLIN, 0};
+    char buf[256];
+    got = poll(&p, 1, 100) > 0 ? read(report[0], buf, sizeof buf) : -1;
+    if (got > 0) said.append(buf, static_cast<size_t>(got));
+  }
+  close(report[0]);
+  if (said != "ready\n") {
+    throw SandboxError("sandbox holder did not start (needs overlayfs, unshare and ip): " + said);
+  }
+  root_ = open(("/proc/" + std::to_string(holder_->pid()) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (root_ < 0) throw SandboxError(Errno("open the sandbox's root"));
+}
+
+void Sandbox::OpenLogSocket() {
+  log_socket_ = SocketInside(AF_INET, SOCK_DGRAM);
+  const int big = 8 << 20;  // the agent logs in bursts; keep them until read
+  setsockopt(log_socket_, SOL_SOCKET, SO_RCVBUFFORCE, &big, sizeof big);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(kSyslogPort);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(log_socket_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    throw SandboxError(Errno("bind the log socket"));
   }
 }
 

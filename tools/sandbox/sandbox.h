@@ -152,6 +152,10 @@ class Sandbox {
   pid_t holder_pid() const { return holder_ ? holder_->pid() : -1; }
 
  private:
+  // unshare runs hold.sh, which builds the namespaces; root_ is then its root.
+  void StartHolder();
+  // UDP 127.0.0.1:514 inside, where the agent sends its records.
+  void OpenLogSocket();
   int OpenInside(const std::string& path, int flags, mode_t mode = 0) const;
 
   std::unique_ptr<Process> holder_;
