@@ -20,7 +20,7 @@
 #include <sstream>
 #include <string>
 
-#include "e2e/sandbox.h"
+#include "sandbox/sandbox.h"
 #include "mpa_relay/relay.h"
 
 namespace {
@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[i], "--seconds") == 0) seconds = std::atol(argv[i + 1]);
   }
 
-  zel::e2e::Sandbox sb;
+  zel::sandbox::Sandbox sb;
   sb.WriteFile("/etc/orvane/zel-dorn/dornConfig.ini",
                "[CommunicationHandler]\nackTimeout=300\n"
                "[Monitoring]\nupdateCheckFrequency=60\nmonitoringStartDelay=180\n");
@@ -93,9 +93,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "agent_idle: cannot listen in the sandbox: %s\n", error.c_str());
     return 1;
   }
-  zel::e2e::SpawnOptions spawn;
+  zel::sandbox::SpawnOptions spawn;
   spawn.name = "dorn-host-agent";
-  zel::e2e::Process& agent = sb.Spawn({DORN_AGENT_BINARY}, spawn);
+  zel::sandbox::Process& agent = sb.Spawn({DORN_AGENT_BINARY}, spawn);
   if (!relay.RunUntil([&] { return relay.current_connection() != 0; }, Clock::now() + 30s)) {
     std::fprintf(stderr, "agent_idle: the agent did not register\n%s\n", sb.DebugReport().c_str());
     return 1;

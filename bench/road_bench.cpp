@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include "e2e/sandbox.h"
+#include "sandbox/sandbox.h"
 #include "mpa_relay/relay.h"
 #include "mpa_relay/relay_script.h"
 
@@ -163,7 +163,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 1000; ++i) ping.Round();  // warm-up
   std::vector<double> floor_rtt;
 
-  zel::e2e::Sandbox sb;
+  zel::sandbox::Sandbox sb;
   sb.WriteFile("/etc/orvane/zel-dorn/dornConfig.ini",
                "[CommunicationHandler]\nackTimeout=300\n"
                "[Monitoring]\nupdateCheckFrequency=3600\nmonitoringStartDelay=3600\n");
@@ -193,10 +193,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "road_bench: cannot listen in the sandbox: %s\n", error.c_str());
     return 1;
   }
-  zel::e2e::SpawnOptions spawn;
+  zel::sandbox::SpawnOptions spawn;
   spawn.name = "dorn-host-agent";
   spawn.env["ZEL_LOG_LEVEL"] = log_level;
-  zel::e2e::Process& agent = sb.Spawn({DORN_AGENT_BINARY}, spawn);
+  zel::sandbox::Process& agent = sb.Spawn({DORN_AGENT_BINARY}, spawn);
   std::printf("agent pid %d (log at %s over UDP to the sandbox's collector)\n", agent.pid(),
               log_level.c_str());
   std::fflush(stdout);

@@ -92,11 +92,6 @@ class ManagerTestEnv {
   // Number of runs of the host id script so far.
   size_t HostIdRuns() const { return Calls("host_id"); }
 
-  // Puts a shell stand-in called `name` first on PATH.
-  void AddStandin(const std::string& name, const std::string& body) {
-    WriteExecutable(bin_ + "/" + name, "#!/bin/sh\n" + body);
-  }
-
   // Records the managers sent, in order.
   std::vector<SentMessage> Sent() const { return layer_->client()->Sent(); }
   // The one answer sent; throws unless exactly one was, parsed.

@@ -1,7 +1,7 @@
 // FileCopyManager, RpcManager, UserManager and the answer frame shared by
 // every manager. The HostManager's operations and user creation with a user
 // object run host commands that must not reach this machine; they are tested
-// in the e2e sandbox (tests/e2e/managers_e2e_test.cpp).
+// against the real agent in tests/e2e/agent_operations_e2e_test.cpp.
 #include <sys/stat.h>
 
 #include <functional>
