@@ -370,7 +370,11 @@ const std::vector<std::string>& MalformedKinds() {
   return kinds;
 }
 
-bool MalformedKindIsAnswered(const std::string& kind) { return kind == "unknown-keys"; }
+bool MalformedKindIsAnswered(const std::string& kind) {
+  // The agent reads a frame by its own length, not by the document's length
+  // field, so a wrong length field is answered like unknown keys.
+  return kind == "unknown-keys" || kind == "bad-length";
+}
 
 std::optional<std::string> MalformedFrame(const std::string& kind, const std::string& app_type,
                                           const std::string& valid_payload) {

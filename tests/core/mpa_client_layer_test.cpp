@@ -1,5 +1,9 @@
 #include "core/mpa_client_layer.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <string>
 
 #include <boost/make_shared.hpp>
@@ -37,6 +41,35 @@ TEST(MpaClientLayerTest, RegisterLookupAndUnregisterGoThroughTheProcessWideClien
   layer.Unregister(kApp);
   EXPECT_FALSE(layer.Lookup(kApp));
   EXPECT_FALSE(zel::MpaClient::GetMpaClient(kApp));
+}
+
+// A failed registration leaves its negative code as the client's cookie; the
+// handle hands it on as it is, not folded into -1.
+TEST(MpaClientLayerTest, FailedRegistrationCodeReachesTheAgentUnchanged) {
+  zel::testing::LogCapture log;
+  // A loopback port that is bound but not listening refuses the connection.
+  const int closed = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(closed, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(bind(closed, reinterpret_cast<sockaddr*>(&addr), len), 0);
+  ASSERT_EQ(getsockname(closed, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+
+  zel::metrics::MetricRegistry registry;
+  ZelDorn::MpaClientLayer layer{registry};
+  layer.Register(boost::make_shared<zel::AsioDispatcher>(), [](rmqClientMessage*) {}, kApp, kApp,
+                 1, ntohs(addr.sin_port), 30000000, 5000000);
+  boost::shared_ptr<zel::MpaClient> client = zel::MpaClient::GetMpaClient(kApp);
+  ASSERT_TRUE(client);
+  client->ConnectMpaStateTrans();
+
+  const int32_t code = client->GetCookieId();
+  EXPECT_LT(code, -1);
+  EXPECT_EQ(layer.Lookup(kApp)->GetCookieId(), code);
+  layer.Unregister(kApp);
+  close(closed);
 }
 
 }  // namespace
