@@ -23,8 +23,9 @@ LineConnection::LineConnection(PrivateTag, Socket socket, LineHandler onLine,
                                CloseHandler onClose)
     : socket_(std::move(socket)), onLine_(std::move(onLine)), onClose_(std::move(onClose)) {}
 
-// Closing the socket cancels the pending read; its completion finds no
-// connection behind the weak reference and does nothing.
+// Closing the socket cancels the pending read; the read commits into the
+// buffer it holds, then finds no connection behind the weak reference and
+// does nothing.
 LineConnection::~LineConnection() = default;
 
 void LineConnection::Start() {
@@ -46,14 +47,19 @@ void LineConnection::Close() {
 }
 
 void LineConnection::DoRead() {
-  boost::asio::async_read_until(socket_, input_, '\n',
-                                zel::MakeWeakCallback(weak_from_this(), &LineConnection::OnRead));
+  // The read operation writes into the buffer before it calls the handler,
+  // also when it completes after this object is gone: the handler holds the
+  // buffer, and only a weak reference to the connection.
+  boost::asio::async_read_until(
+      socket_, *input_, '\n',
+      [input = input_, onRead = zel::MakeWeakCallback(weak_from_this(), &LineConnection::OnRead)](
+          const boost::system::error_code& ec, std::size_t bytes) { onRead(ec, bytes); });
 }
 
 void LineConnection::OnRead(const boost::system::error_code& ec, std::size_t bytes) {
   if (ec) return Shutdown_(ec);
   std::string line(bytes - 1, '\0');
-  std::istream in(&input_);
+  std::istream in(input_.get());
   in.read(&line[0], static_cast<std::streamsize>(line.size()));
   in.ignore(1);  // the newline
   // The handler may Close or drop the owner's reference; `self` keeps this

@@ -10,6 +10,8 @@
 // Lifetime. The owner holds the one strong reference. A pending read holds
 // only a weak one (zel::MakeWeakCallback), so dropping the owner's reference
 // ends the connection: the socket closes and the read completes into nothing.
+// What an operation writes into must outlive it, whatever happens to the
+// object: the read's handler holds the input buffer itself.
 // A pending write holds a strong one, so a line already queued is written out
 // before the connection goes.
 //
@@ -66,7 +68,8 @@ class LineConnection : public std::enable_shared_from_this<LineConnection> {
   void Shutdown_(const boost::system::error_code& ec);
 
   Socket socket_;
-  boost::asio::streambuf input_;
+  // Shared with the pending read, which may complete after this object.
+  std::shared_ptr<boost::asio::streambuf> input_ = std::make_shared<boost::asio::streambuf>();
   std::deque<std::string> outbox_;  // front() is the write in flight
   LineHandler onLine_;
   CloseHandler onClose_;

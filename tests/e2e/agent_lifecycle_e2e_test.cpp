@@ -72,6 +72,12 @@ bool NothingPending(pid_t pid) {
   return ProcField(pid, "ShdPnd") == "0000000000000000" && ProcField(pid, "SigPnd") == "0000000000000000";
 }
 
+// True once `pid` catches `sig` (its handler is installed).
+bool Catches(pid_t pid, int sig) {
+  const std::string mask = ProcField(pid, "SigCgt");
+  return !mask.empty() && (std::stoull(mask, nullptr, 16) >> (sig - 1) & 1) != 0;
+}
+
 size_t ThreadCount(pid_t pid) {
   std::error_code ec;
   const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", ec);
@@ -114,8 +120,11 @@ class AgentLifecycleTest : public ::testing::Test {
     return WaitUntil([&] { return Count(sb().LogLines(), needle) > 0; }, timeout);
   }
   // Serving: the provider has taken its signals.
+  // The provider logs before it installs its handlers, and SIGTERM is caught
+  // only by the provider's: wait for both.
   void WaitServing() {
     ASSERT_TRUE(WaitForLog(Message("AsioZelProvider: setting up signal handlers"))) << sb().DebugReport();
+    ASSERT_TRUE(WaitUntil([&] { return Catches(agent_->pid(), SIGTERM); }, kWait)) << sb().DebugReport();
   }
 
   Sandbox& sb() { return *sandbox_; }

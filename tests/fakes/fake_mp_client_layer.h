@@ -1,8 +1,8 @@
 // In-memory management-plane client layer for tests of the agent.
 //
 // FakeMpClientLayer implements the agent's seam (core/mp_client_layer.h). It
-// records what the agent asks of it (event loop start and stop, Register with
-// its arguments, Unregister, proxy start) and hands out one FakeMpClient per
+// records what the agent asks of it (Register with its arguments, Unregister,
+// proxy start) and hands out one FakeMpClient per
 // registered application type. FakeMpClient records every rmqClientMessage
 // sent through it as a SentMessage: kind, routing key, content type, cookie,
 // the header document's string elements and the payload, parsed as a
@@ -22,13 +22,10 @@
 //   EXPECT_EQ(sent.at(0).Header("amqp_correlationId"), "c-1");
 //
 // Threads: every member may be called from any thread; records are kept
-// under a mutex and callbacks run with no lock held. WaitForSent waits on a
-// condition with a deadline.
+// under a mutex and callbacks run with no lock held.
 #ifndef DORN_TESTS_FAKES_FAKE_MP_CLIENT_LAYER_H_
 #define DORN_TESTS_FAKES_FAKE_MP_CLIENT_LAYER_H_
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -98,7 +95,6 @@ class FakeMpClient : public MpClient {
     SentMessage copy = Copy(message);
     std::lock_guard<std::mutex> lock(mutex_);
     sent_.push_back(std::move(copy));
-    sentChanged_.notify_all();
     return sendResult_;
   }
 
@@ -121,11 +117,6 @@ class FakeMpClient : public MpClient {
   void ClearSent() {
     std::lock_guard<std::mutex> lock(mutex_);
     sent_.clear();
-  }
-  // Waits until at least `count` records have been sent; false on time-out.
-  bool WaitForSent(size_t count, std::chrono::milliseconds timeout) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return sentChanged_.wait_for(lock, timeout, [&] { return sent_.size() >= count; });
   }
   int starts() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -167,7 +158,6 @@ class FakeMpClient : public MpClient {
 
  private:
   mutable std::mutex mutex_;
-  mutable std::condition_variable sentChanged_;
   std::vector<SentMessage> sent_;
   int32_t cookie_ = 7;
   int sendResult_ = 0;
@@ -189,14 +179,8 @@ class FakeMpClientLayer : public MpClientLayer {
   };
 
   // MpClientLayer
-  void StartEventLoop(const std::string& clientName) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    eventLoopClientNames_.push_back(clientName);
-  }
-  void StopEventLoop() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++eventLoopStops_;
-  }
+  void StartEventLoop(const std::string&) override {}
+  void StopEventLoop() override {}
   void Register(const boost::shared_ptr<zel::AsioDispatcher>& dispatcher,
                 MessageCallback callback, const std::string& appType, const std::string& appId,
                 int connectionType, uint16_t port, uint64_t ackRetryMicros,
@@ -244,18 +228,6 @@ class FakeMpClientLayer : public MpClientLayer {
       callback = callback_;
     }
     if (!callback) throw std::logic_error("FakeMpClientLayer::Deliver: nothing registered");
-    DeliverTo(callback, kind, payload, std::move(headers), cookie);
-  }
-  // The same with a header document of string elements, in order.
-  void Deliver(int32_t kind, const std::string& payload,
-               const std::vector<std::pair<std::string, std::string>>& headers,
-               int32_t cookie = 7) {
-    Deliver(kind, payload, StringHeaders(headers), cookie);
-  }
-
-  // As Deliver, to any callback.
-  static void DeliverTo(const MessageCallback& callback, int32_t kind, const std::string& payload,
-                        std::optional<ZelMpa::BSON> headers, int32_t cookie = 7) {
     size_t headerSize = 0;
     if (headers) {
       if (headers->finish() != 0) throw std::logic_error("header document does not finish");
@@ -294,29 +266,23 @@ class FakeMpClientLayer : public MpClientLayer {
     callback(&message);
   }
 
-  static ZelMpa::BSON StringHeaders(
-      const std::vector<std::pair<std::string, std::string>>& headers) {
+  // The same with a header document of string elements, in order.
+  void Deliver(int32_t kind, const std::string& payload,
+               const std::vector<std::pair<std::string, std::string>>& headers,
+               int32_t cookie = 7) {
     ZelMpa::BSON doc;
     for (const auto& kv : headers) {
       if (doc.appendString(kv.first.c_str(), kv.second.c_str()) != 0) {
         throw std::logic_error("header element refused: " + kv.first);
       }
     }
-    return doc;
+    Deliver(kind, payload, std::move(doc), cookie);
   }
 
   // Observations.
   std::optional<Registration> registration() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return registration_;
-  }
-  std::vector<std::string> eventLoopClientNames() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return eventLoopClientNames_;
-  }
-  int eventLoopStops() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return eventLoopStops_;
   }
   int proxyStarts() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -332,9 +298,7 @@ class FakeMpClientLayer : public MpClientLayer {
   std::optional<Registration> registration_;
   MessageCallback callback_;
   std::map<std::string, boost::shared_ptr<FakeMpClient>> clients_;
-  std::vector<std::string> eventLoopClientNames_;
   std::vector<std::string> unregistered_;
-  int eventLoopStops_ = 0;
   int proxyStarts_ = 0;
 };
 
