@@ -63,20 +63,19 @@ class SigpipeGuard {
   bool wasPending_ = false;
 };
 
-// Writes all of `input` to `fd`. Returns 0 or the errno of the failed write.
-int WriteAll(int fd, const std::string& input) {
+// Writes all of `input` to `fd`, or as much as the reader takes.
+void WriteAll(int fd, const std::string& input) {
   const char* next = input.data();
   size_t left = input.size();
   while (left > 0) {
     const ssize_t n = write(fd, next, left);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return errno;
+      return;
     }
     next += n;
     left -= static_cast<size_t>(n);
   }
-  return 0;
 }
 
 }  // namespace
@@ -108,13 +107,10 @@ int ExecuteCommandWithInput(const std::string& command, const std::string& input
   {
     // Written straight to the descriptor: nothing stays in the stream's
     // buffer for pclose to flush (and fail on) later.
+    // A command that stops reading early is no error of ours: its exit code
+    // says how it went, as for ExecuteCommand.
     SigpipeGuard guard;
-    const int writeError = WriteAll(fileno(pipe), input);
-    if (writeError != 0) {
-      DORN_LOG(zel::kLogWarn)
-          .format("Command did not take all of its input, error %s",
-                  zel::ErrnoText(writeError).c_str());
-    }
+    WriteAll(fileno(pipe), input);
   }
   return CloseCommand(pipe);
 }

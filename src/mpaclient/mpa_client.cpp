@@ -662,11 +662,7 @@ bool MpaClient::CompleteAppInitHanshake(int32_t seq) {
   const char* type = applicationType_.c_str();
   MPA_CLIENT_LOG(kLogInfo).format("%s CompleteAppInitHanshake, Seq (%d) ", type, seq);
   WriteLock lock(initMutex_);
-  if (appInitCompleted_) {
-    MPA_CLIENT_LOG(kLogInfo)
-        .format("[%s] CompleteAppInitHanshake : AppInit already completed seq (%d)", type, seq);
-    return false;
-  }
+  if (appInitCompleted_) return false;
   if (!IsCurrentAppInitSequence(seq)) {
     MPA_CLIENT_LOG(kLogInfo)
         .format("[%s] CompleteAppInitHanshake : AppInit Sequence number has moved ahead seq (%d), "
