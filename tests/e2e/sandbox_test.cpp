@@ -124,9 +124,8 @@ TEST_F(SandboxTest, LoopbackIsPrivateAndSyslogRecordsAreCollected) {
   close(listener);
 
   // One datagram, one line: inner newlines escaped, the last one cut.
-  ASSERT_TRUE(sb_->Run({"bash", "-c", "printf '<134>1 udp-probe' > /dev/udp/127.0.0.1/514 && "
-                                       "printf 'two\\nlines\\n' > /tmp/m && cat /tmp/m > /dev/udp/127.0.0.1/514"})
-                  .Success());
+  ASSERT_TRUE(sb_->Run({"bash", "-c", "printf '<134>1 udp-probe' > /dev/udp/127.0.0.1/514 && printf "
+                       "'two\\nlines\\n' > /tmp/m && cat /tmp/m > /dev/udp/127.0.0.1/514"}).Success());
   EXPECT_TRUE(zel::testing::WaitUntil([&] { return sb_->LogLines().size() >= 2; }, kWait));
   EXPECT_EQ(sb_->LogLines(), (std::vector<std::string>{"<134>1 udp-probe", "two\\nlines"}));
 }
@@ -146,9 +145,8 @@ TEST_F(SandboxTest, StandinsComeFirstAndProcessesRunCleanly) {
   opts.env["ZEL_LOG_LEVEL"] = "DEBUG";
   opts.cwd = "/etc";
   std::string out;
-  ASSERT_TRUE(sb_->Run({"sh", "-c", "echo \"$PATH|$HOME|$ZEL_SANDBOX_DIR|$ZEL_LOG_LEVEL|${ZEL_SYSLOG_METHOD-unset}|$(pwd)\""},
-                       kWait, &out, opts)
-                  .Success());
+  const char* show = "echo \"$PATH|$HOME|$ZEL_SANDBOX_DIR|$ZEL_LOG_LEVEL|${ZEL_SYSLOG_METHOD-unset}|$(pwd)\"";
+  ASSERT_TRUE(sb_->Run({"sh", "-c", show}, kWait, &out, opts).Success());
   unsetenv("ZEL_SYSLOG_METHOD");
   EXPECT_EQ(out, "/run/zel-sandbox/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin|"
                  "/root|/run/zel-sandbox|DEBUG|unset|/etc\n");
@@ -192,12 +190,10 @@ TEST(SandboxHolderTest, RefusesToMountInTheNamespaceItWasStartedFrom) {
   // Run by hand, its parent shares its mount namespace: nothing may be
   // mounted. The namespace here is a throw-away one, so that even a broken
   // check could not touch the machine's mounts.
+  const std::string script = std::string("unshare --mount -- sh -c 'sh ") + ZEL_SANDBOX_HOLD +
+                             "; echo exit $?; grep -c zel-sandbox /proc/self/mountinfo || true'";
   std::string out;
-  EXPECT_EQ(RunHost(std::string("unshare --mount -- sh -c 'sh ") + ZEL_SANDBOX_HOLD +
-                        "; echo exit $?; grep -c zel-sandbox /proc/self/mountinfo || true'",
-                    &out),
-            0)
-      << out;
+  EXPECT_EQ(RunHost(script, &out), 0) << out;
   EXPECT_EQ(out, "error: not in a mount namespace of its own; refusing to mount anything\nexit 1\n0\n");
 }
 
@@ -206,13 +202,11 @@ TEST(SandboxCliTest, RunsACommandWithFilesAndStandinsAndTellsHowItEnded) {
   const std::string conf = dir.WriteFile("dornConfig.ini", "[CommunicationHandler]\nackTimeout=7\n");
   const std::string uname = dir.WriteFile("uname", "#!/bin/sh\necho Ulmcore\n");
   const std::string cli = ZEL_SANDBOX_CLI;
+  const std::string run = cli + " --file /etc/orvane/zel-dorn/dornConfig.ini=" + conf + " --standin " + uname +
+                          " --log-copy " + dir.path() + "/log -- bash -c 'cat /etc/orvane/zel-dorn/dornConfig.ini;"
+                          " uname; printf logged > /dev/udp/127.0.0.1/514; exit 7'";
   std::string out;
-  EXPECT_EQ(RunHost(cli + " --file /etc/orvane/zel-dorn/dornConfig.ini=" + conf + " --standin " + uname +
-                        " --log-copy " + dir.path() + "/log -- bash -c 'cat /etc/orvane/zel-dorn/dornConfig.ini;"
-                        " uname; printf logged > /dev/udp/127.0.0.1/514; exit 7'",
-                    &out),
-            7)
-      << out;
+  EXPECT_EQ(RunHost(run, &out), 7) << out;
   EXPECT_EQ(out, "[CommunicationHandler]\nackTimeout=7\nUlmcore\n");
   EXPECT_EQ(zel::testing::TempDir::ReadFile(dir.path() + "/log"), "logged\n");
   EXPECT_EQ(RunHost(cli + " --timeout 1 -- sleep 100", &out), 124) << out;

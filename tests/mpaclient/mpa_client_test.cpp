@@ -28,7 +28,6 @@ using namespace mpa_test;
 using zel::MpaClient;
 using zel::testing::WaitUntil;
 
-constexpr const char* kApp = "DORN_FABRIC_APPLICATION";
 zel::testing::LogCapture* g_log = nullptr;
 
 // The process has one library event loop: it runs on the framework work
@@ -75,8 +74,7 @@ class FakeMpaRmqClient : public zel::RmqClient {
   int Register(const char* appId, const char* appType, int connectionType,
                rmqClientCallback callback) override {
     const rmqClientEndpoint endpoint{port_, nullptr};
-    const int cookie =
-        RegisterWithEndpoint(appId, appType, connectionType, nullptr, callback, &endpoint);
+    const int cookie = RegisterWithEndpoint(appId, appType, connectionType, nullptr, callback, &endpoint);
     if (cookie >= 0 && during_) during_(cookie, callback);
     return cookie;
   }
@@ -91,8 +89,7 @@ class TestMpaClient : public MpaClient {
  public:
   TestMpaClient(boost::shared_ptr<zel::AsioDispatcher> dispatcher, const std::string& appType,
                 uint16_t port, zel::metrics::MetricKeyPtr metricRoot, DuringRegister during)
-      : MpaClient(std::move(dispatcher), &Inbox::Record, appType, "zel", 1, port,
-                  std::move(metricRoot)),
+      : MpaClient(std::move(dispatcher), &Inbox::Record, appType, "zel", 1, port, std::move(metricRoot)),
         during_(std::move(during)) {}
   using MpaClient::intervals_;
   using MpaClient::OnMessage;
@@ -100,9 +97,7 @@ class TestMpaClient : public MpaClient {
   std::atomic<int> handshakes{0};
 
  protected:
-  void CreateRmqClient() override {
-    SetRmqClient(zel::MakeRefCounted<FakeMpaRmqClient>(port(), during_));
-  }
+  void CreateRmqClient() override { SetRmqClient(zel::MakeRefCounted<FakeMpaRmqClient>(port(), during_)); }
   void AppInitHandshake() override { ++handshakes; }
 
  private:
@@ -120,13 +115,9 @@ rmqClientMessage InboundRecord(int32_t type, int32_t cookie, const char* appType
 }
 
 bool SendFromMpa(int peer, int64_t type, const std::string& payload = "") {
-  return WriteAll(peer, Frame(Doc()
-                                  .Int64("msg_type", type)
-                                  .String("app_type", kApp)
-                                  .String("amqp_routing_key", "reply-queue")
-                                  .Int64("payload_len", payload.size())
-                                  .Binary("amqp_payload", {payload.begin(), payload.end()})
-                                  .Finish()));
+  return WriteAll(peer, Frame(Doc().Int64("msg_type", type).String("app_type", kApp)
+                                  .String("amqp_routing_key", "reply-queue").Int64("payload_len", payload.size())
+                                  .Binary("amqp_payload", {payload.begin(), payload.end()}).Finish()));
 }
 
 class MpaClientTest : public ::testing::Test {
@@ -149,8 +140,8 @@ class MpaClientTest : public ::testing::Test {
   // Makes and registers the client; `closeReconnectMicros` and the retry
   // intervals apply.
   void MakeClient(DuringRegister during = nullptr) {
-    client_ = boost::make_shared<TestMpaClient>(dispatcher_, appType_, mpa_.port(),
-                                                registry_.root(), std::move(during));
+    client_ = boost::make_shared<TestMpaClient>(dispatcher_, appType_, mpa_.port(), registry_.root(),
+                                                std::move(during));
     client_->intervals_.closeReconnectMicros = closeReconnectMicros_;
     client_->intervals_.appInitWaitMicros = 1000;
     ASSERT_EQ(client_, TestMpaClient::RegisterInstance(client_, ackRetryMicros_, connectRetryMicros_));
@@ -178,9 +169,8 @@ class MpaClientTest : public ::testing::Test {
     return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + 8, nullptr, 10);
   }
   std::string MismatchLine(int32_t received, int32_t current) {
-    return "MPAERR_MPA_COOKIEID_MISMATCH\"] [" + appType_ + "] Message's cookieId [" +
-           std::to_string(received) + "] does not match with [" + std::to_string(current) +
-           "], ignored";
+    return "MPAERR_MPA_COOKIEID_MISMATCH\"] [" + appType_ + "] Message's cookieId [" + std::to_string(received) +
+           "] does not match with [" + std::to_string(current) + "], ignored";
   }
 
   std::string appType_ = kApp;
@@ -203,8 +193,7 @@ TEST_F(MpaClientTest, ConnectedClientDeliversCountsAndSends) {
 
   ASSERT_TRUE(SendFromMpa(peer, RMQ_CLIENT_DATA_MESSAGE, "hi"));
   EXPECT_EQ("type=3 cookie=" + std::to_string(cookie) + " app=DORN_FABRIC_APPLICATION "
-            "rk=reply-queue len=2 payload=6869",
-            Inbox::Take().line);
+            "rk=reply-queue len=2 payload=6869", Inbox::Take().line);
   EXPECT_EQ(2, Counter("rmq/msg/rx"));
   EXPECT_EQ(1u, g_log->Count("Payload: 68 69"));
 
@@ -213,8 +202,8 @@ TEST_F(MpaClientTest, ConnectedClientDeliversCountsAndSends) {
   ASSERT_TRUE(SendFromMpa(peer, RMQ_CLIENT_MPA_DATA_MESSAGE, "y"));
   EXPECT_EQ((Bytes{'y'}), Inbox::Take().payload);
   EXPECT_EQ(4, Counter("rmq/msg/rx"));
-  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_UNSUPPORT_MSG\"] [DORN_FABRIC_APPLICATION] Unrecognized "
-                             "RMQ messageType [4] from MPA."));
+  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_UNSUPPORT_MSG\"] [DORN_FABRIC_APPLICATION] Unrecognized RMQ "
+                             "messageType [4] from MPA."));
 
   // A CLOSE with a stale cookie changes nothing.
   rmqClientMessage close = InboundRecord(RMQ_CLIENT_CLOSE, cookie + 100);
@@ -233,8 +222,7 @@ TEST_F(MpaClientTest, ConnectedClientDeliversCountsAndSends) {
   out.cookieId = -5;
   EXPECT_EQ(ZelMpa::kMpaInvalidCookie, client_->SendMsg(&out));
   EXPECT_EQ(1, Counter("rmq/msg/tx"));
-  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_SENDMSG_FAILED\"] DORN_FABRIC_APPLICATION failed to "
-                             "send message to MPA"));
+  EXPECT_EQ(1u, g_log->Count("MPAERR_MPA_SENDMSG_FAILED\"] DORN_FABRIC_APPLICATION failed to send message to MPA"));
 
   // Close drops the connection without a CLOSE record, so no reconnect.
   client_->Close();
@@ -282,13 +270,8 @@ TEST_F(MpaClientTest, AbsentMpaIsRetriedAtTheConnectIntervalEvenAfterClose) {
 }
 
 TEST_F(MpaClientTest, RecordsOfTheConnectionBeforeItsCookieIsKnown) {
-  const struct {
-    const char* name;
-    int32_t type;
-    int cookieOffset;
-    const char* appType;
-    bool connected;  // afterwards
-  } cases[] = {
+  // Each record with whether the client is connected afterwards.
+  const struct { const char* name; int32_t type; int cookieOffset; const char* appType; bool connected; } cases[] = {
       // The ACK flag is cleared once the connection is stored, so an ACK in
       // this window is lost, and the ACK retry (where armed) re-registers.
       {"ACK", RMQ_CLIENT_REGISTRATION_ACK, 0, kApp, true},
@@ -301,24 +284,21 @@ TEST_F(MpaClientTest, RecordsOfTheConnectionBeforeItsCookieIsKnown) {
   };
   closeReconnectMicros_ = 60000000;
   for (const auto& t : cases) {
+    SCOPED_TRACE(t.name);
     int injected = -1;
     MakeClient([&](int cookie, rmqClientCallback callback) {
       rmqClientMessage m = InboundRecord(t.type, (injected = cookie) + t.cookieOffset, t.appType);
       callback(&m);
     });
     Start(false);
-    EXPECT_EQ(t.connected ? MpaClient::kStateConnected : MpaClient::kStateDisconnected,
-              client_->GetState()) << t.name;
-    EXPECT_EQ(t.connected ? injected : -1, client_->GetCookieId()) << t.name;
-    EXPECT_FALSE(client_->IsRegistrationAcked()) << t.name;
-    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count("MPAERR_MPA_COOKIEID_MISMATCH")) << t.name;
-    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count(MismatchLine(injected + t.cookieOffset, injected)))
-        << t.name;
-    EXPECT_EQ(t.connected ? 0u : 1u, g_log->Count("ScheduleTimer after 60000000 microseconds"))
-        << t.name;
+    EXPECT_EQ(t.connected ? MpaClient::kStateConnected : MpaClient::kStateDisconnected, client_->GetState());
+    EXPECT_EQ(t.connected ? injected : -1, client_->GetCookieId());
+    EXPECT_FALSE(client_->IsRegistrationAcked());
+    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count("MPAERR_MPA_COOKIEID_MISMATCH"));
+    EXPECT_EQ(t.cookieOffset ? 1u : 0u, g_log->Count(MismatchLine(injected + t.cookieOffset, injected)));
+    EXPECT_EQ(t.connected ? 0u : 1u, g_log->Count("ScheduleTimer after 60000000 microseconds"));
     EXPECT_EQ(t.appType == kApp ? 0u : 1u,
-              g_log->Count("MPAERR_MPA_INVALID_MSG_HANDLER\"] No callback function for app type "
-                           "nobody")) << t.name;
+              g_log->Count("MPAERR_MPA_INVALID_MSG_HANDLER\"] No callback function for app type nobody"));
     DropClient();
     NETClose(injected);  // the library's end of a connection the client was told is gone
     g_log->Clear();

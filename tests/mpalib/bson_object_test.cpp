@@ -22,7 +22,7 @@ BSON Finished(int32_t x) {
   return doc;
 }
 
-std::string Wire(const BSON& doc) { return AsString(doc.dataPtr(), doc.size()); }
+std::string Wire(const BSON& doc) { return std::string(reinterpret_cast<const char*>(doc.dataPtr()), doc.size()); }
 
 // Steps `it` and reads the new element with `get`, which must succeed for
 // an element named `key` of kind `type`.
@@ -37,7 +37,7 @@ T Next(BsonIterator& it, BsonIterator::Type type, const char* key,
   return value;
 }
 
-TEST(BsonObjectTest, EveryAppendRoundTripsThroughTheGetters) {
+TEST(BsonObjectTest, EveryAppendRoundTripsThroughItsGetterAndOnlyThatOne) {
   const uint8_t payload[] = {0, 1, 2, 0xFF};
   BSON headers = Finished(7);
   bson raw;
@@ -61,6 +61,11 @@ TEST(BsonObjectTest, EveryAppendRoundTripsThroughTheGetters) {
 
   BsonIterator it(doc);
   EXPECT_EQ(Next(it, BsonIterator::INT, "int", &BsonIterator::getInt), -12);
+  // A getter of another type returns a code and leaves its outputs alone.
+  const char* name = "untouched";
+  const char* text = "untouched";
+  EXPECT_EQ(it.getString(name, text), BSON_RC_WRONG_TYPE);  // int32 is not read as a string
+  EXPECT_STREQ(text, "untouched");
   EXPECT_EQ(Next(it, BsonIterator::LONG, "long", &BsonIterator::getLong), -(int64_t{1} << 50));
   EXPECT_EQ(Next(it, BsonIterator::DOUBLE, "double", &BsonIterator::getDouble), 6.02e23);
   EXPECT_TRUE(Next(it, BsonIterator::BOOL, "bool", &BsonIterator::getBool));
@@ -69,13 +74,24 @@ TEST(BsonObjectTest, EveryAppendRoundTripsThroughTheGetters) {
   EXPECT_STREQ(s, "h\xC3\xA9llo");
   EXPECT_TRUE(s > reinterpret_cast<const char*>(doc.dataPtr()) &&
               s < reinterpret_cast<const char*>(doc.dataPtr() + doc.size()));
-  for (size_t len : {4u, 0u}) {
-    const uint8_t* bin = nullptr;
-    size_t got = 9;
-    const char* key = nullptr;
+  int32_t i = 99;
+  int64_t l = 0;
+  double d = 0;
+  bool b = false;
+  const uint8_t* bin = nullptr;
+  size_t binLen = 0;
+  BSON obj;
+  bson wrapped{};
+  for (int rc : {it.getInt(name, i), it.getLong(name, l), it.getDouble(name, d), it.getBool(name, b),
+                 it.getBinary(name, bin, binLen), it.getObject(name, obj), it.getRaw(name, &wrapped)}) {
+    EXPECT_EQ(rc, BSON_RC_WRONG_TYPE);
+  }
+  EXPECT_STREQ(name, "untouched");
+  EXPECT_EQ(i, 99);
+  for (size_t want : {4u, 0u}) {
     ASSERT_EQ(it.next(), BsonIterator::BINARY);
-    ASSERT_EQ(it.getBinary(key, bin, got), 0);
-    EXPECT_EQ(std::vector<uint8_t>(bin, bin + got), std::vector<uint8_t>(payload, payload + len));
+    ASSERT_EQ(it.getBinary(name, bin, binLen), 0);
+    EXPECT_EQ(std::vector<uint8_t>(bin, bin + binLen), std::vector<uint8_t>(payload, payload + want));
   }
   // getObject copies, getRaw wraps in place.
   const BSON copy = Next(it, BsonIterator::OBJECT, "object", &BsonIterator::getObject);
@@ -131,34 +147,6 @@ TEST(BsonObjectTest, RefusedAppendsWriteNothing) {
   EXPECT_EQ(open.size(), 4);
 }
 
-TEST(BsonObjectTest, GetterOfAnotherTypeReturnsCodeAndLeavesOutputsAlone) {
-  BSON doc;
-  doc.appendString("s", "v");
-  doc.appendInt("i", 1);
-  doc.finish();
-  BsonIterator it(doc);
-  ASSERT_EQ(it.next(), BsonIterator::STRING);
-  const char* key = "untouched";
-  int32_t i = 99;
-  int64_t l = 0;
-  double d = 0;
-  bool b = false;
-  const uint8_t* bin = nullptr;
-  size_t len = 0;
-  BSON obj;
-  bson raw{};
-  for (int rc : {it.getInt(key, i), it.getLong(key, l), it.getDouble(key, d), it.getBool(key, b),
-                 it.getBinary(key, bin, len), it.getObject(key, obj), it.getRaw(key, &raw)}) {
-    EXPECT_EQ(rc, BSON_RC_WRONG_TYPE);
-  }
-  EXPECT_STREQ(key, "untouched");
-  EXPECT_EQ(i, 99);
-  ASSERT_EQ(it.next(), BsonIterator::INT);
-  const char* s = "untouched";
-  EXPECT_EQ(it.getString(key, s), BSON_RC_WRONG_TYPE);  // int32 is not read as a string
-  EXPECT_STREQ(s, "untouched");
-}
-
 TEST(BsonObjectTest, UnlistedElementTypesAreUnsupportedAndSkipped) {
   const std::vector<uint8_t> bytes =
       Bytes(Doc(Elem(4, "arr", Doc("")) + Elem(10, "null", "") + Elem(9, "date", Le64(1)) +
@@ -169,34 +157,21 @@ TEST(BsonObjectTest, UnlistedElementTypesAreUnsupportedAndSkipped) {
   EXPECT_STREQ(it.key(), "after");
 }
 
-// The text of the std::invalid_argument that `make` throws.
-template <class F>
-std::string InvalidArgument(F make) {
-  try {
-    make();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "no exception";
-}
-
 TEST(BsonObjectTest, ConstructorsCopyWellFormedBytesAndRefuseTheRest) {
-  const std::vector<uint8_t> bytes = Bytes(Doc(Elem(16, "x", Le32(1))));
+  const std::string wire = Doc(Elem(16, "x", Le32(1)));
+  const std::vector<uint8_t> bytes = Bytes(wire);
   BSON copy(bytes.data());
   EXPECT_TRUE(copy.isFinished());
   EXPECT_NE(copy.dataPtr(), bytes.data());
-  EXPECT_EQ(Wire(copy), AsString(bytes.data(), 12));
+  EXPECT_EQ(Wire(copy), wire);
   EXPECT_EQ(copy.appendInt("y", 2), -1);
   EXPECT_EQ(BSON(bytes.data(), bytes.size()).size(), 12);
 
-  EXPECT_EQ(InvalidArgument([] { BSON(static_cast<const uint8_t*>(nullptr)); }),
-            "BSON::BSON(uint8_t *data) NULL data arg");
+  EXPECT_THROW(BSON(static_cast<const uint8_t*>(nullptr)), std::invalid_argument);
   for (const std::string& m : {Le32(0) + '\0', Le32(-3) + '\0', Le32(4) + '\0', Le32(5) + 'x'}) {
-    EXPECT_EQ(InvalidArgument([&m] { BSON(Bytes(m).data()); }),
-              "BSON::BSON(uint8_t *data) data arg is not properly formed bson.");
+    EXPECT_THROW(BSON(Bytes(m).data()), std::invalid_argument) << testing::PrintToString(m);
   }
-  EXPECT_EQ(InvalidArgument([] { BsonIterator(static_cast<const uint8_t*>(nullptr)); }),
-            "ctor BsonIterator::BsonIterator(const uint8_t *data)  NULL data arg.");
+  EXPECT_THROW(BsonIterator(static_cast<const uint8_t*>(nullptr)), std::invalid_argument);
   EXPECT_THROW(BsonIterator(nullptr, 10), std::invalid_argument);
   EXPECT_THROW(BsonIterator::OverFrame(nullptr, 10), std::invalid_argument);
 

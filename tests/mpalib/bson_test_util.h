@@ -46,10 +46,6 @@ inline std::vector<uint8_t> Bytes(const std::string& s) {
   return std::vector<uint8_t>(s.begin(), s.end());
 }
 
-inline std::string AsString(const uint8_t* p, int len) {
-  return std::string(reinterpret_cast<const char*>(p), static_cast<size_t>(len));
-}
-
 }  // namespace bson_test
 
 #endif  // ZEL_TESTS_MPALIB_BSON_TEST_UTIL_H_

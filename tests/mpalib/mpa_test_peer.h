@@ -32,6 +32,8 @@ namespace mpa_test {
 
 using Bytes = std::vector<uint8_t>;
 
+constexpr const char* kApp = "DORN_FABRIC_APPLICATION";
+
 inline Bytes Le(uint64_t v, int size) {
   Bytes out;
   for (int i = 0; i < size; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
@@ -76,6 +78,8 @@ inline Bytes Frame(const Bytes& doc) {
   const uint32_t n = static_cast<uint32_t>(doc.size());
   return Cat({uint8_t(n >> 24), uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)}, doc);
 }
+// A frame of a document with only a msg_type.
+inline Bytes TypeFrame(int64_t type) { return Frame(Doc().Int64("msg_type", type).Finish()); }
 
 inline std::string Hex(const Bytes& bytes) {
   static const char kDigits[] = "0123456789abcdef";
@@ -126,13 +130,6 @@ inline std::string Render(const std::vector<Element>& elements) {
     out += (out.empty() ? "" : " ") + e.key + "=" + (e.type == 2 ? '"' + e.value + '"' : e.value);
   }
   return out;
-}
-
-inline const Element* Find(const std::vector<Element>& elements, const std::string& key) {
-  for (const Element& e : elements) {
-    if (e.key == key) return &e;
-  }
-  return nullptr;
 }
 
 inline bool WaitReadable(int fd, int timeoutMs = 10000) {
@@ -203,10 +200,8 @@ class FakeMpa {
   // none comes or it is something else.
   int AcceptRegistration(const std::string& appType) {
     const int fd = Accept();
-    const std::vector<Element> reg = fd >= 0 ? ReadDoc(fd) : std::vector<Element>();
-    const Element* type = Find(reg, "msg_type");
-    const Element* app = Find(reg, "app_type");
-    return type && type->value == "1" && app && app->value == appType ? fd : -1;
+    const std::string reg = fd >= 0 ? Render(ReadDoc(fd)) : "";
+    return reg.rfind("msg_type=1 app_type=\"" + appType + "\"", 0) == 0 ? fd : -1;
   }
   void ClosePeer(int fd) {
     peers_.erase(std::remove(peers_.begin(), peers_.end(), fd), peers_.end());
