@@ -8,7 +8,6 @@
 #include <thread>
 
 #include <boost/property_tree/ptree.hpp>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "cpp/lib/common/asio_dispatcher.h"
@@ -54,7 +53,6 @@ class AsioZelProviderTest : public ::testing::Test {
 
 TEST_F(AsioZelProviderTest, BlockingRunServesOnTheCallingThreadAndRunsAgainAfterAStop) {
   auto provider = MakeProvider(false);
-  EXPECT_TRUE(provider->GetConfig().empty());
   EXPECT_FALSE(provider->IsRunning());
   provider->Run(1, false);
   provider->Stop();
@@ -102,9 +100,7 @@ TEST_F(AsioZelProviderTest, FirstSigtermEndsABlockingRunAndRestoresDefaultAction
   EXPECT_EQ(g_testHandlerCalls.load(), 0);
   EXPECT_EQ(Disposition(SIGINT), SIG_DFL);
   EXPECT_EQ(Disposition(SIGTERM), SIG_DFL);
-  EXPECT_THAT(log_.Lines(), ::testing::Contains(::testing::EndsWith(
-                                "s2comp=\"zel-rpc\" tid=\"" + std::to_string(gettid()) +
-                                "\" level=\"WARN\"] AsioZelProvider: got signal 15")));
+  EXPECT_EQ(log_.Count("level=\"WARN\"] AsioZelProvider: got signal 15"), 1u);
 }
 
 TEST_F(AsioZelProviderTest, SigintStopsANonBlockingRunWithForce) {
