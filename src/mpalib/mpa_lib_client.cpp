@@ -541,7 +541,8 @@ std::vector<int> MpaLibClient::AssembleChunk_(const uint8_t* chunk, size_t len) 
       std::memcpy(msgBuf_ + bytesRead_, chunk + pos, remaining);
       bytesRead_ += static_cast<int32_t>(remaining);
       pos = len;
-      if (bytesRead_ == bytesToRead_) statuses.push_back(Deliver_());
+      // A frame that ends the chunk is delivered; its status is not pushed.
+      if (bytesRead_ == bytesToRead_) Deliver_();
       break;
     }
     std::memcpy(msgBuf_ + bytesRead_, chunk + pos, missing);

@@ -309,12 +309,19 @@ TEST_F(MpaLibClientTest, WrongTypeForKnownKeyThrowsBsonException) {
   EXPECT_EQ(0u, Inbox::Size());
 }
 
+// Only a frame followed by more bytes of the same read has its delivery
+// status counted; the frame that ends the read is delivered and the read ends.
 TEST_F(MpaLibClientTest, MessageWithoutCallbackIsDropped) {
   Conn c = Open(1, nullptr, nullptr);
-  EXPECT_EQ(kMpaFailure, Feed(c, Frame(kFullDataDoc)));
+  EXPECT_EQ(kMpaOk, Feed(c, Frame(kFullDataDoc)));
+  EXPECT_EQ(kMpaFailure, Feed(c, Cat(Frame(kFullDataDoc), Frame(kFullDataDoc))));
   EXPECT_EQ(kMpaNoCallback, c.client->Close(true));
+  const std::string noCallback =
+      "MPA130\"] MPALIBCLIENT: No function callback found for client:DORN_FABRIC_APPLICATION";
+  EXPECT_EQ(3u, log_.Count(noCallback));
+  EXPECT_EQ(1u, log_.Count("Returned error code"));
   EXPECT_TRUE(log_.InOrder(
-      {"MPA130\"] MPALIBCLIENT: No function callback found for client:DORN_FABRIC_APPLICATION",
+      {noCallback, noCallback, noCallback,
        "MPA131\"] MPALIBCLIENT: Returned error code -2026 when receiving message - chunk index: 0",
        "MPA130\"] MPALIBCLIENT: Invalid callback for client(DORN_FABRIC_APPLICATION)"}));
 }
