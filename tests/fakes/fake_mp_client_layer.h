@@ -26,6 +26,7 @@
 #ifndef DORN_TESTS_FAKES_FAKE_MP_CLIENT_LAYER_H_
 #define DORN_TESTS_FAKES_FAKE_MP_CLIENT_LAYER_H_
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -79,14 +80,8 @@ struct SentMessage {
 class FakeMpClient : public MpClient {
  public:
   // MpClient
-  void Start() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++starts_;
-  }
-  void Stop() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++stops_;
-  }
+  void Start() override { ++starts_; }
+  void Stop() override { ++stops_; }
   int32_t GetCookieId() override {
     std::lock_guard<std::mutex> lock(mutex_);
     return cookie_;
@@ -118,14 +113,8 @@ class FakeMpClient : public MpClient {
     std::lock_guard<std::mutex> lock(mutex_);
     sent_.clear();
   }
-  int starts() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return starts_;
-  }
-  int stops() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return stops_;
-  }
+  int starts() const { return starts_; }
+  int stops() const { return stops_; }
 
   static SentMessage Copy(const rmqClientMessage* message) {
     SentMessage out;
@@ -161,8 +150,8 @@ class FakeMpClient : public MpClient {
   std::vector<SentMessage> sent_;
   int32_t cookie_ = 7;
   int sendResult_ = 0;
-  int starts_ = 0;
-  int stops_ = 0;
+  std::atomic<int> starts_{0};
+  std::atomic<int> stops_{0};
 };
 
 class FakeMpClientLayer : public MpClientLayer {
@@ -203,10 +192,7 @@ class FakeMpClientLayer : public MpClientLayer {
     clients_.erase(appType);
     callback_.clear();
   }
-  void StartProxyClient() override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++proxyStarts_;
-  }
+  void StartProxyClient() override { ++proxyStarts_; }
 
   // The client of `appType` (made by Register), or null.
   boost::shared_ptr<FakeMpClient> client(
@@ -284,10 +270,7 @@ class FakeMpClientLayer : public MpClientLayer {
     std::lock_guard<std::mutex> lock(mutex_);
     return registration_;
   }
-  int proxyStarts() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return proxyStarts_;
-  }
+  int proxyStarts() const { return proxyStarts_; }
   std::vector<std::string> unregistered() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return unregistered_;
@@ -299,7 +282,7 @@ class FakeMpClientLayer : public MpClientLayer {
   MessageCallback callback_;
   std::map<std::string, boost::shared_ptr<FakeMpClient>> clients_;
   std::vector<std::string> unregistered_;
-  int proxyStarts_ = 0;
+  std::atomic<int> proxyStarts_{0};
 };
 
 }  // namespace testing

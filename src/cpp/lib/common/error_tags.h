@@ -6,6 +6,7 @@
 //   CMNLIB          cpp/lib/common/error_tags.h
 //   MXLIB           cpp/lib/metrics/error_tags.h
 //   RPC             cpp/lib/rpc/error_tags.h
+//   NET             cpp/lib/net/error_tags.h
 //   MPA, MPAERR_    util/mpa_error_tags.h
 //
 // A number ending in 9999 marks an exception caught where nothing may throw.
