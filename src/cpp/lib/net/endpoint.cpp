@@ -35,8 +35,7 @@ Endpoint::Endpoint(std::string uri) : uri_(std::move(uri)) {
   const size_t portColon = authority.find(':');
   if (portColon != std::string_view::npos && portColon > 0) {
     host_ = {authority_.at, portColon};
-    // strtol stops at the first non-digit; the authority ends at a '/' or at
-    // the end of the text, so reading from inside uri_ is safe.
+    // strtol stops at the first non-digit; the copy ends with the authority.
     const std::string digits(authority.substr(portColon + 1));
     port_ = static_cast<uint16_t>(std::strtol(digits.c_str(), nullptr, 10));
   } else {

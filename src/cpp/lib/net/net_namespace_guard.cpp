@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "cpp/lib/common/errors.h"
@@ -28,7 +29,10 @@ NetNamespaceGuard::NetNamespaceGuard(const SocketOptions& options) {
   if (options.ns.empty()) return;
   const std::string self = "/proc/" + std::to_string(getpid()) + "/ns/net";
   const int original = open(self.c_str(), O_RDONLY | O_CLOEXEC);
-  if (original < 0) throw errno_exception(errno, "Couldn't open ns file '" + self + "'");
+  if (original < 0) {
+    const int error = errno;
+    throw errno_exception(error, "Couldn't open ns file '" + self + "'");
+  }
 
   const std::string path = "/var/run/netns/" + options.ns;
   const int target = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -44,10 +48,17 @@ NetNamespaceGuard::NetNamespaceGuard(const SocketOptions& options) {
     throw errno_exception(error,
                           Format("Couldn't set network namespace %d '%s'", target, options.ns));
   }
-  original_ = original;
-  ZEL_NET_LOG(kLogInfo).format("Set network namespace %d -> %d '%s'", original, target,
-                                options.ns.c_str());
   close(target);
+  original_ = original;
+  try {
+    ZEL_NET_LOG(kLogInfo).format("Set network namespace %d -> %d '%s'", original, target,
+                                  options.ns.c_str());
+  } catch (...) {
+    // No destructor runs for a constructor that throws: go back here.
+    setns(original_, CLONE_NEWNET);
+    close(original_);
+    throw;
+  }
 }
 
 NetNamespaceGuard::~NetNamespaceGuard() {

@@ -145,7 +145,8 @@ std::string LocalAddressText(int fd, Side side) {
   socklen_t size = sizeof cred;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &size) != 0) return "unix://...";
   std::string ours;
-  if (!LocalPath(fd, Side::kLocal, &ours) || ours.empty()) ours = "...";
+  if (!LocalPath(fd, Side::kLocal, &ours)) return "error";
+  if (ours.empty()) ours = "...";
   std::snprintf(buffer, sizeof buffer, "(pid:%u uid:%u gid:%u)", static_cast<unsigned>(cred.pid),
                 static_cast<unsigned>(cred.uid), static_cast<unsigned>(cred.gid));
   return "unix://" + ours + buffer;

@@ -45,8 +45,8 @@ struct SocketOptions {
   AcceptorOptions acceptor;
   // Network namespace under /var/run/netns/; empty: the current one.
   std::string ns;
-  // Set: SO_KEEPALIVE on, with the tunings below that are set.
-  std::optional<bool> keepalive;
+  // SO_KEEPALIVE on, with the tunings below that are set.
+  bool keepalive = false;
   std::optional<int32_t> keepalive_idle;      // seconds, TCP_KEEPIDLE
   std::optional<int32_t> keepalive_count;     // TCP_KEEPCNT
   std::optional<int32_t> keepalive_interval;  // seconds, TCP_KEEPINTVL

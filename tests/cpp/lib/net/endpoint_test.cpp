@@ -41,6 +41,7 @@ TEST(EndpointTest, PartsOfTheUri) {
       {"a/b", "", "", "", 0, "a/b"},                   // a path only
       {":x", "", "", "", 0, ":x"},                     // a leading colon is no scheme
       {"//:80", "", ":80", ":80", 0, ""},              // a leading colon is no port either
+      {"tcp://:80", "tcp", ":80", ":80", 0, ""},
       {"tcp://h:99999", "tcp", "h:99999", "h", 34463, ""},  // cut to 16 bits
       {"tcp://h:12ab", "tcp", "h:12ab", "h", 12, ""},  // digits up to the first other
       {"tcp://[::1]:80", "tcp", "[::1]:80", "[", 0, ""},  // no bracket form
@@ -121,7 +122,6 @@ TEST(SocketAddressTest, HostsAndPaths) {
       EXPECT_EQ(ErrorOf([&] { TcpAddress(r.host, 9); }), EINVAL);
     }
   }
-  EXPECT_EQ(ErrorOf([] { TcpAddress(std::string(64, 'a') + "%1", 9); }), EINVAL);
 
   // A path fits sun_path with its terminating NUL: 107 characters at most.
   const SocketAddress ok = LocalAddress(std::string(107, 'p'));

@@ -54,11 +54,13 @@ TEST(ApplySocketOptionsTest, EachKindOfSocketGetsItsOptions) {
 
   Fd client(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
   const int defaultIdle = Get(client.fd, IPPROTO_TCP, TCP_KEEPIDLE);
+  const int defaultInterval = Get(client.fd, IPPROTO_TCP, TCP_KEEPINTVL);
   ApplyToTcpSocket(client.fd, options);
   EXPECT_EQ(Get(client.fd, SOL_SOCKET, SO_REUSEADDR), 0) << "reuse_address is for acceptors";
   EXPECT_EQ(Get(client.fd, SOL_SOCKET, SO_KEEPALIVE), 1);
   EXPECT_EQ(Get(client.fd, IPPROTO_TCP, TCP_KEEPCNT), 5);
   EXPECT_EQ(Get(client.fd, IPPROTO_TCP, TCP_KEEPIDLE), defaultIdle) << "unset tunings stay";
+  EXPECT_EQ(Get(client.fd, IPPROTO_TCP, TCP_KEEPINTVL), defaultInterval);
   EXPECT_EQ(GetLinger(client.fd).l_onoff, 1);
   EXPECT_EQ(GetLinger(client.fd).l_linger, 7);
   EXPECT_EQ(log.Count("Setting socket options {acceptor:{reuse_address} keepalive:{0s+5*0s} "
@@ -66,10 +68,13 @@ TEST(ApplySocketOptionsTest, EachKindOfSocketGetsItsOptions) {
             1u);
 
   Fd acceptor(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-  ApplyToTcpAcceptor(acceptor.fd, SocketOptions());
+  ApplyToTcpAcceptor(acceptor.fd, options);
   EXPECT_EQ(Get(acceptor.fd, SOL_SOCKET, SO_REUSEADDR), 1);
-  EXPECT_EQ(Get(acceptor.fd, SOL_SOCKET, SO_KEEPALIVE), 0);
-  EXPECT_EQ(GetLinger(acceptor.fd).l_onoff, 0) << "a default linger is set, and off";
+  EXPECT_EQ(Get(acceptor.fd, SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(GetLinger(acceptor.fd).l_linger, 7);
+  Fd plain(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  ApplyToTcpAcceptor(plain.fd, SocketOptions());
+  EXPECT_EQ(GetLinger(plain.fd).l_onoff, 0) << "a default linger is set, and off";
 
   // Local acceptors take reuse_address only.
   Fd local(socket(AF_UNIX, SOCK_STREAM, 0));
