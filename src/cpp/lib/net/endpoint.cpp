@@ -43,16 +43,6 @@ Endpoint::Endpoint(std::string uri) : uri_(std::move(uri)) {
   }
 }
 
-Endpoint& Endpoint::operator=(const Endpoint& other) {
-  uri_ = other.uri_;
-  scheme_ = other.scheme_;
-  authority_ = other.authority_;
-  host_ = other.host_;
-  port_ = other.port_;
-  path_ = other.path_;
-  return *this;
-}
-
 bool Endpoint::IsKnownScheme() const {
   const std::string_view s = scheme();
   return s == "tcp" || s == "ssl" || s == "ssl-tcp" || s == "unix" || s == "ssl-unix";

@@ -29,8 +29,6 @@ class Endpoint {
  public:
   Endpoint() = default;
   explicit Endpoint(std::string uri);
-  Endpoint(const Endpoint& other) { *this = other; }
-  Endpoint& operator=(const Endpoint& other);
 
   const std::string& uri() const { return uri_; }
   std::string_view scheme() const { return View(scheme_); }
@@ -47,8 +45,8 @@ class Endpoint {
   bool IsKnownScheme() const;
 
  private:
-  // Offset and length into uri_; the views are made on demand, so a copy
-  // needs no rebasing of pointers.
+  // Offset and length into uri_; the views are made on demand, so the
+  // default copy is right.
   struct Span {
     size_t at = 0;
     size_t size = 0;
