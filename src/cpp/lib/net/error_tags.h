@@ -30,6 +30,8 @@ inline constexpr char kTagNet500[] = "errorCode:NET500";
 inline constexpr char kTagNet1109[] = "errorCode:NET1109";
 inline constexpr char kTagNet1111[] = "errorCode:NET1111";
 inline constexpr char kTagNet1120[] = "errorCode:NET1120";
+// A BIO (file or memory object) of the certificate code failed.
+inline constexpr char kTagNet1132[] = "errorCode:NET1132";
 // An exception out of a handler; the process aborts after the line.
 inline constexpr char kTagNet9999[] = "errorCode:NET9999";
 

@@ -8,13 +8,11 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -23,6 +21,7 @@
 #include "cpp/lib/net/socket_address.h"
 #include "cpp/lib/net/socket_options.h"
 #include "support/log_capture.h"
+#include "support/private_network.h"
 
 namespace zel {
 namespace net {
@@ -43,12 +42,9 @@ SocketOptions In(const std::string& ns) {
 class NetNamespaceGuardTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    ready_ = getuid() == 0 && unshare(CLONE_NEWNS | CLONE_NEWNET) == 0 &&
-             mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-             (mkdir("/run/netns", 0755) == 0 || errno == EEXIST) &&
-             mount("tmpfs", "/run/netns", "tmpfs", 0, "mode=0755") == 0 &&
-             std::system("ip link set lo up && ip netns add zel-blue && "
-                         "ip -n zel-blue link set lo up && : > /run/netns/zel-file") == 0;
+    ready_ = zel::testing::EnterPrivateNetwork() &&
+             zel::testing::Shell("ip netns add zel-blue && ip -n zel-blue link set lo up && "
+                                 ": > /run/netns/zel-file");
   }
 
   void SetUp() override {
