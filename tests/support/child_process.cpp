@@ -109,7 +109,11 @@ std::optional<int> ChildProcess::WaitExit(std::chrono::milliseconds timeout) {
         return true;
       },
       timeout);
-  return done ? status_ : std::nullopt;
+  if (!done) return std::nullopt;
+  // Everything it wrote before it ended is read before the status counts.
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, timeout, [&] { return eof_; });
+  return status_;
 }
 
 int OpenFdCount() {
