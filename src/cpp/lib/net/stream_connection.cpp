@@ -261,7 +261,7 @@ void StreamConnection::Enter_(ConnectionState state) {
         return SetState_(State::ERROR);
       }
       auto self = shared_from_this();
-      pending_.push_back([self] { self->SetSocket_(); });
+      pending_.push_back(Work{{}, {}, [self] { self->SetSocket_(); }, {}, 0});
       break;
     }
     case State::CONNECTING:
@@ -391,11 +391,11 @@ void StreamConnection::Deliver_(const error_code& status) {
     return;
   }
   ZEL_NET_LOG(kLogDebug).format("%s Scheduling user connect handler", name_.c_str());
-  pending_.push_back([handler = std::move(connectHandler_), status] { handler(status); });
+  pending_.push_back(Work{{}, std::move(connectHandler_), {}, status, 0});
   connectHandler_ = nullptr;
 }
 
-void StreamConnection::RunWork_(std::vector<Work>& work) {
+void StreamConnection::RunWork_(WorkList& work) {
   for (Work& w : work) {
     try {
       w();
@@ -654,14 +654,14 @@ void StreamConnection::IoCallback_(const error_code& status, std::size_t bytes,
   const bool connected = state_ == State::CONNECTED;
   if (!write && bytes > 0) metrics_.Rx(bytes);
   if (IsCanceled(status) || (IsEof(status) && !connected)) {
-    pending_.push_back([handler = std::move(handler), status, bytes] { handler(status, bytes); });
+    pending_.push_back(Work{std::move(handler), {}, {}, status, bytes});
     return;
   }
   if (!connected) {
     ZEL_NET_LOG(kLogDebug).format(write ? "%s Ignoring WriteCallback in non-connected state"
                                         : "%s Ignoring ReadCallback in non-connected state",
                                   name_.c_str());
-    pending_.push_back([handler = std::move(handler), status, bytes] { handler(status, bytes); });
+    pending_.push_back(Work{std::move(handler), {}, {}, status, bytes});
     return;
   }
   const bool open = socket_ && socket_->is_open();
@@ -669,7 +669,7 @@ void StreamConnection::IoCallback_(const error_code& status, std::size_t bytes,
     ZEL_NET_LOG(kLogDebug).format(write ? "%s WriteCallback - calling handler"
                                         : "%s ReadCallback - calling handler",
                                   name_.c_str());
-    pending_.push_back([handler = std::move(handler), bytes] { handler(error_code(), bytes); });
+    pending_.push_back(Work{std::move(handler), {}, {}, error_code(), bytes});
     return;
   }
   const bool eof = IsEof(status);
@@ -678,9 +678,7 @@ void StreamConnection::IoCallback_(const error_code& status, std::size_t bytes,
                     : "%s ReadCallback - closing connection (error: %i-%s, socket: %s)",
               name_.c_str(), status.value(), status.message().c_str(), open ? "open" : "closed");
   error_ = status ? status : Generic(ENOTCONN);
-  pending_.push_back([handler = std::move(handler), stored = error_, bytes] {
-    handler(stored, bytes);
-  });
+  pending_.push_back(Work{std::move(handler), {}, {}, error_, bytes});
   CloseInternal_(eof ? CloseReason::BY_PEER : CloseReason::NETWORK_ERROR);
   unregister_ = true;
 }

@@ -34,6 +34,7 @@
 #include <utility>
 #include <vector>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "cpp/lib/common/mutex.h"
@@ -109,14 +110,34 @@ class StreamConnection final : public Connection,
   StreamConnection(PrivateTag, Params params);
 
  private:
-  using Work = std::function<void()>;
+  // A piece of work for after the lock is released: a user handler with its
+  // outcome, or a step of the connection's own. Handlers are held as they
+  // are, so that queueing one allocates nothing.
+  struct Work {
+    IoHandler io;
+    StatusHandler connect;
+    std::function<void()> step;
+    boost::system::error_code status;
+    std::size_t bytes = 0;
+
+    void operator()() const {
+      if (io) {
+        io(status, bytes);
+      } else if (connect) {
+        connect(status);
+      } else if (step) {
+        step();
+      }
+    }
+  };
+  using WorkList = boost::container::small_vector<Work, 2>;
 
   // Runs `body` under the lock, then, with the lock released, the work it
   // left (user handlers, the next step) and, if it asked for it, the
   // unregistration from the transport.
   template <class... Params, class... Args>
   void Run_(void (StreamConnection::*body)(Params...), Args&&... args) EXCLUDES(mutex_) {
-    std::vector<Work> work;
+    WorkList work;
     bool unregister = false;
     {
       MutexLock lock(mutex_);
@@ -128,7 +149,7 @@ class StreamConnection final : public Connection,
     if (unregister) Unregister_();
   }
   // Runs each piece of work; one that throws ends the process (NET9999).
-  static void RunWork_(std::vector<Work>& work);
+  static void RunWork_(WorkList& work);
 
   void SetState_(ConnectionState state) REQUIRES(mutex_);
   void Exit_(ConnectionState state) REQUIRES(mutex_);
@@ -191,7 +212,7 @@ class StreamConnection final : public Connection,
   TimerPtr guard_ GUARDED_BY(mutex_);
   StatusHandler connectHandler_ GUARDED_BY(mutex_);
   // Work for after the lock is released, in order.
-  std::vector<Work> pending_ GUARDED_BY(mutex_);
+  WorkList pending_ GUARDED_BY(mutex_);
   bool unregister_ GUARDED_BY(mutex_) = false;
 };
 

@@ -218,7 +218,9 @@ TEST_F(NetTransportTest, BadEndpointsFailAlone) {
     SCOPED_TRACE(r.uri);
     ConnectionResult made = rig_.transport->NewConnection(Endpoint(r.uri), r.options);
     EXPECT_FALSE(made.ok());
-    if (r.status) EXPECT_EQ(made.error(), r.status) << made.error().message();
+    if (r.status) {
+      EXPECT_EQ(made.error(), r.status) << made.error().message();
+    }
     EXPECT_NE(log_.Find(r.line).find(Tagged(r.tag)), std::string::npos) << r.line;
     log_.Clear();
   }
