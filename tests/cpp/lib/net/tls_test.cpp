@@ -6,6 +6,8 @@
 // driven directly, through a store of our own with its clock set.
 #include "cpp/lib/net/net_security_context.h"
 
+#include <cstring>
+
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
@@ -13,6 +15,7 @@
 #include <boost/asio/ssl/context.hpp>
 #include <gtest/gtest.h>
 
+#include "cpp/lib/net/crypto/random_device.h"
 #include "cpp/lib/net/error_tags.h"
 #include "cpp/lib/net/x509_certificate.h"
 #include "net_test_rig.h"
@@ -339,6 +342,12 @@ TEST_F(TlsTest, BadCertificateAndKeyFiles) {
     log_.Clear();
   }
   EXPECT_FALSE(X509Certificate::FromPem("garbage"));
+  // The random device fills what it is given, differently each time.
+  uint8_t a[32] = {};
+  uint8_t b[32] = {};
+  EXPECT_FALSE(crypto::fips_random_device().Fill(a, sizeof a));
+  EXPECT_FALSE(crypto::fips_random_device().Fill(b, sizeof b));
+  EXPECT_NE(std::memcmp(a, b, sizeof a), 0);
   // A key that is not the certificate's own is refused as well.
   NetSecurityContext::Builder b;
   EXPECT_FALSE(b.UseCertificate(X509Certificate::LoadPem(pki_->Cert("self"))));
