@@ -343,11 +343,11 @@ TEST_F(TlsTest, BadCertificateAndKeyFiles) {
   }
   EXPECT_FALSE(X509Certificate::FromPem("garbage"));
   // The random device fills what it is given, differently each time.
-  uint8_t a[32] = {};
-  uint8_t b[32] = {};
-  EXPECT_FALSE(crypto::fips_random_device().Fill(a, sizeof a));
-  EXPECT_FALSE(crypto::fips_random_device().Fill(b, sizeof b));
-  EXPECT_NE(std::memcmp(a, b, sizeof a), 0);
+  uint8_t first[32] = {};
+  uint8_t second[32] = {};
+  EXPECT_FALSE(crypto::fips_random_device().Fill(first, sizeof first));
+  EXPECT_FALSE(crypto::fips_random_device().Fill(second, sizeof second));
+  EXPECT_NE(std::memcmp(first, second, sizeof first), 0);
   // A key that is not the certificate's own is refused as well.
   NetSecurityContext::Builder b;
   EXPECT_FALSE(b.UseCertificate(X509Certificate::LoadPem(pki_->Cert("self"))));
