@@ -5,17 +5,7 @@ namespace zel {
 namespace net {
 namespace detail {
 
-StreamSocketPtr MakeLocalSocket(SocketParams params) {
-  return std::make_shared<StreamSocketImpl<local_protocol>>(std::move(params));
-}
-
-StreamAcceptorPtr MakeLocalAcceptor(uint32_t id, const Endpoint& endpoint,
-                                   const AcceptorOptions& options,
-                                   const boost::shared_ptr<boost::asio::io_context>& io,
-                                   AcceptorMetrics metrics) {
-  return std::make_shared<StreamAcceptorImpl<local_protocol>>(id, endpoint, options, io,
-                                                        std::move(metrics));
-}
+ZEL_NET_INSTANTIATE_SOCKET_KIND(LOCAL);
 
 }  // namespace detail
 }  // namespace net

@@ -19,13 +19,13 @@ StreamSocketPtr MakeSocket(SocketKind kind, SocketParams params) {
   if (IsTls(kind) && !params.context) throw std::invalid_argument("TLS socket without context");
   switch (kind) {
     case SocketKind::TCP:
-      return MakeTcpSocket(std::move(params));
+      return MakeSocketOf<SocketKind::TCP>(std::move(params));
     case SocketKind::SSL_TCP:
-      return MakeSslTcpSocket(std::move(params));
+      return MakeSocketOf<SocketKind::SSL_TCP>(std::move(params));
     case SocketKind::LOCAL:
-      return MakeLocalSocket(std::move(params));
+      return MakeSocketOf<SocketKind::LOCAL>(std::move(params));
     case SocketKind::SSL_LOCAL:
-      return MakeSslLocalSocket(std::move(params));
+      return MakeSocketOf<SocketKind::SSL_LOCAL>(std::move(params));
   }
   throw std::invalid_argument("unknown socket kind");
 }
@@ -36,13 +36,13 @@ StreamAcceptorPtr MakeAcceptor(SocketKind kind, uint32_t id, const Endpoint& end
                                AcceptorMetrics metrics) {
   switch (kind) {
     case SocketKind::TCP:
-      return MakeTcpAcceptor(id, endpoint, options, io, std::move(metrics));
+      return MakeAcceptorOf<SocketKind::TCP>(id, endpoint, options, io, std::move(metrics));
     case SocketKind::SSL_TCP:
-      return MakeSslTcpAcceptor(id, endpoint, options, io, std::move(metrics));
+      return MakeAcceptorOf<SocketKind::SSL_TCP>(id, endpoint, options, io, std::move(metrics));
     case SocketKind::LOCAL:
-      return MakeLocalAcceptor(id, endpoint, options, io, std::move(metrics));
+      return MakeAcceptorOf<SocketKind::LOCAL>(id, endpoint, options, io, std::move(metrics));
     case SocketKind::SSL_LOCAL:
-      return MakeSslLocalAcceptor(id, endpoint, options, io, std::move(metrics));
+      return MakeAcceptorOf<SocketKind::SSL_LOCAL>(id, endpoint, options, io, std::move(metrics));
   }
   throw std::invalid_argument("unknown socket kind");
 }

@@ -1,7 +1,8 @@
 // Makers of the four kinds of stream sockets and acceptors. Each kind is
 // compiled in a file of its own (tcp_socket.cpp, local_socket.cpp,
 // ssl_tcp_socket.cpp, ssl_local_socket.cpp), so that the event loop's socket
-// and TLS templates stay out of every other file.
+// and TLS templates stay out of every other file and the four compile in
+// parallel.
 #ifndef ZEL_NET_IMPL_SOCKET_FACTORY_H_
 #define ZEL_NET_IMPL_SOCKET_FACTORY_H_
 
@@ -55,27 +56,14 @@ StreamAcceptorPtr MakeAcceptor(SocketKind kind, uint32_t id, const Endpoint& end
                                const boost::shared_ptr<boost::asio::io_context>& io,
                                AcceptorMetrics metrics);
 
-// One per kind, in the kind's own file.
-StreamSocketPtr MakeTcpSocket(SocketParams params);
-StreamSocketPtr MakeSslTcpSocket(SocketParams params);
-StreamSocketPtr MakeLocalSocket(SocketParams params);
-StreamSocketPtr MakeSslLocalSocket(SocketParams params);
-StreamAcceptorPtr MakeTcpAcceptor(uint32_t id, const Endpoint& endpoint,
-                                  const AcceptorOptions& options,
-                                  const boost::shared_ptr<boost::asio::io_context>& io,
-                                  AcceptorMetrics metrics);
-StreamAcceptorPtr MakeSslTcpAcceptor(uint32_t id, const Endpoint& endpoint,
-                                     const AcceptorOptions& options,
-                                     const boost::shared_ptr<boost::asio::io_context>& io,
-                                     AcceptorMetrics metrics);
-StreamAcceptorPtr MakeLocalAcceptor(uint32_t id, const Endpoint& endpoint,
-                                    const AcceptorOptions& options,
-                                    const boost::shared_ptr<boost::asio::io_context>& io,
-                                    AcceptorMetrics metrics);
-StreamAcceptorPtr MakeSslLocalAcceptor(uint32_t id, const Endpoint& endpoint,
-                                       const AcceptorOptions& options,
-                                       const boost::shared_ptr<boost::asio::io_context>& io,
-                                       AcceptorMetrics metrics);
+// One instantiation per kind, each in the kind's own file.
+template <SocketKind K>
+StreamSocketPtr MakeSocketOf(SocketParams params);
+template <SocketKind K>
+StreamAcceptorPtr MakeAcceptorOf(uint32_t id, const Endpoint& endpoint,
+                                 const AcceptorOptions& options,
+                                 const boost::shared_ptr<boost::asio::io_context>& io,
+                                 AcceptorMetrics metrics);
 
 }  // namespace detail
 }  // namespace net

@@ -1,21 +1,11 @@
-// The ssl local stream socket and acceptor, compiled here alone.
+// The TLS over local stream socket and acceptor, compiled here alone.
 #include "cpp/lib/net/impl/stream_socket_impl.h"
 
 namespace zel {
 namespace net {
 namespace detail {
 
-StreamSocketPtr MakeSslLocalSocket(SocketParams params) {
-  return std::make_shared<StreamSocketImpl<ssl_protocol<local_protocol>>>(std::move(params));
-}
-
-StreamAcceptorPtr MakeSslLocalAcceptor(uint32_t id, const Endpoint& endpoint,
-                                      const AcceptorOptions& options,
-                                      const boost::shared_ptr<boost::asio::io_context>& io,
-                                      AcceptorMetrics metrics) {
-  return std::make_shared<StreamAcceptorImpl<ssl_protocol<local_protocol>>>(id, endpoint, options, io,
-                                                        std::move(metrics));
-}
+ZEL_NET_INSTANTIATE_SOCKET_KIND(SSL_LOCAL);
 
 }  // namespace detail
 }  // namespace net

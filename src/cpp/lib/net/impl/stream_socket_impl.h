@@ -855,6 +855,49 @@ std::string StreamAcceptorImpl<P>::local_endpoint() const {
   return P::kTls ? "ssl-" + text : text;
 }
 
+// ---------------------------------------------------------------------------
+// The makers of socket_factory.h, instantiated once per kind.
+
+template <SocketKind K>
+struct ProtocolOf;
+template <>
+struct ProtocolOf<SocketKind::TCP> {
+  using type = tcp_protocol;
+};
+template <>
+struct ProtocolOf<SocketKind::LOCAL> {
+  using type = local_protocol;
+};
+template <>
+struct ProtocolOf<SocketKind::SSL_TCP> {
+  using type = ssl_protocol<tcp_protocol>;
+};
+template <>
+struct ProtocolOf<SocketKind::SSL_LOCAL> {
+  using type = ssl_protocol<local_protocol>;
+};
+
+template <SocketKind K>
+StreamSocketPtr MakeSocketOf(SocketParams params) {
+  return std::make_shared<StreamSocketImpl<typename ProtocolOf<K>::type>>(std::move(params));
+}
+
+template <SocketKind K>
+StreamAcceptorPtr MakeAcceptorOf(uint32_t id, const Endpoint& endpoint,
+                                 const AcceptorOptions& options,
+                                 const boost::shared_ptr<boost::asio::io_context>& io,
+                                 AcceptorMetrics metrics) {
+  return std::make_shared<StreamAcceptorImpl<typename ProtocolOf<K>::type>>(
+      id, endpoint, options, io, std::move(metrics));
+}
+
+// In each kind's file: ZEL_NET_INSTANTIATE_SOCKET_KIND(TCP) and so on.
+#define ZEL_NET_INSTANTIATE_SOCKET_KIND(KIND)                                             \
+  template StreamSocketPtr MakeSocketOf<SocketKind::KIND>(SocketParams);                  \
+  template StreamAcceptorPtr MakeAcceptorOf<SocketKind::KIND>(                            \
+      uint32_t, const Endpoint&, const AcceptorOptions&,                                  \
+      const boost::shared_ptr<boost::asio::io_context>&, AcceptorMetrics)
+
 }  // namespace detail
 }  // namespace net
 }  // namespace zel

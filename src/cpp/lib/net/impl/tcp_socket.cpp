@@ -1,21 +1,11 @@
-// The tcp stream socket and acceptor, compiled here alone.
+// The TCP socket and acceptor, compiled here alone.
 #include "cpp/lib/net/impl/stream_socket_impl.h"
 
 namespace zel {
 namespace net {
 namespace detail {
 
-StreamSocketPtr MakeTcpSocket(SocketParams params) {
-  return std::make_shared<StreamSocketImpl<tcp_protocol>>(std::move(params));
-}
-
-StreamAcceptorPtr MakeTcpAcceptor(uint32_t id, const Endpoint& endpoint,
-                                 const AcceptorOptions& options,
-                                 const boost::shared_ptr<boost::asio::io_context>& io,
-                                 AcceptorMetrics metrics) {
-  return std::make_shared<StreamAcceptorImpl<tcp_protocol>>(id, endpoint, options, io,
-                                                        std::move(metrics));
-}
+ZEL_NET_INSTANTIATE_SOCKET_KIND(TCP);
 
 }  // namespace detail
 }  // namespace net
