@@ -53,9 +53,9 @@ class NetNameResolver::impl : public std::enable_shared_from_this<impl> {
     std::weak_ptr<impl> weak = weak_from_this();
     const std::string name = name_;
     MutexLock lock(mutex_);
-    // No address_configured flag: a host with loopback only would have every
-    // other address filtered out.
-    resolver_.async_resolve(host, "", boost::asio::ip::tcp::resolver::flags(),
+    // As a query of the host with an empty service asks: only for the
+    // address families this host has addresses of (loopback not counted).
+    resolver_.async_resolve(host, "", boost::asio::ip::tcp::resolver::address_configured,
                             [weak, name, host](const boost::system::error_code& ec, Results results) {
                               if (auto self = weak.lock()) {
                                 self->OnResolved_(host, ec, results);

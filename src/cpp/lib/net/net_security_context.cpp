@@ -181,6 +181,8 @@ int NetSecurityContext::Verify_(int preverifyOk, X509_STORE_CTX* store) const {
 }
 
 NetSecurityContext::Builder::Builder() {
+  digests_.max_load_factor(1.0);
+  digests_.rehash(16);
   InitOpenSsl();
   ERR_clear_error();
   SSL_CTX* ctx = SSL_CTX_new(TLS_method());
@@ -192,8 +194,12 @@ NetSecurityContext::Builder::Builder() {
   // The asio context owns the SSL_CTX from here on.
   context_ = std::make_unique<boost::asio::ssl::context>(ctx);
   // TLS_method with both bounds at 1.2 is what the retired TLSv1_2_method was.
-  SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION);
-  SSL_CTX_set_max_proto_version(ctx, TLS1_2_VERSION);
+  if (SSL_CTX_set_min_proto_version(ctx, TLS1_2_VERSION) != 1 ||
+      SSL_CTX_set_max_proto_version(ctx, TLS1_2_VERSION) != 1) {
+    const auto ec = LastError();
+    throw crypto::exception(std::string(ec.category().name()) + ": " +
+                            std::to_string(ec.value()) + "-" + ec.message());
+  }
   SSL_CTX_set_options(ctx, SSL_OP_NO_COMPRESSION);
   crypto::SetCipherList(ctx, kCipherList);
   SSL_CTX_set_options(ctx, kOptions);
@@ -252,10 +258,14 @@ boost::system::error_code NetSecurityContext::Builder::UsePrivateKeyFile(const s
 }
 
 void NetSecurityContext::Builder::SetPolicy(const CertificateValidationPolicy& policy) {
+  ZEL_NET_LOG(kLogInfo).format("NetSecurityContext::Builder: setting policy %s",
+                               ToString(policy).c_str());
   policy_ = policy;
 }
 
 RefPtr<NetSecurityContext> NetSecurityContext::Builder::Build() {
+  ZEL_NET_LOG(kLogInfo).format("NetSecurityContext::Builder: building context with %zu digest(s)",
+                               digests_.size());
   return RefPtr<NetSecurityContext>(
       new NetSecurityContext(std::move(context_), policy_, std::move(digests_)));
 }

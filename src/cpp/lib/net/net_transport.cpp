@@ -106,6 +106,7 @@ class NetTransport::impl : public Transport, public std::enable_shared_from_this
             const StreamAcceptorPtr& acceptor);
   void AcceptHandler_(const error_code& status, const Endpoint& endpoint, uint32_t acceptorId);
   void AcceptConnectHandler_(const error_code& status, const Endpoint& endpoint,
+                             uint32_t acceptorId,
                              const std::shared_ptr<StreamConnection>& connection);
 
   const std::string name_;
@@ -246,9 +247,17 @@ ConnectionResult NetTransport::impl::NewConnection(const Endpoint& endpoint,
                 endpoint.uri().c_str(), printed.c_str(), e.what());
     return Failure<ConnectionPtr>(e);
   }
-  MutexLock lock(mutex_);
-  connections_[id] = connection;
-  return ConnectionPtr(connection);
+  {
+    MutexLock lock(mutex_);
+    // A Shutdown that ran meanwhile has closed every listed connection:
+    // this one must not outlive it unlisted.
+    if (!shutdown_) {
+      connections_[id] = connection;
+      return ConnectionPtr(connection);
+    }
+  }
+  connection->Close(CloseReason::SHUTDOWN);
+  return error::make_error_code(error::shut_down);
 }
 
 void NetTransport::impl::UnregisterConnection(uint32_t id) {
@@ -321,9 +330,9 @@ void NetTransport::impl::Arm_(const Endpoint& endpoint, const SocketOptions& opt
                                         name.c_str());
         }
       },
-      [weak, name, endpoint, connection](const error_code& status) {
+      [weak, name, endpoint, acceptorId, connection](const error_code& status) {
         if (auto self = weak.lock()) {
-          self->AcceptConnectHandler_(status, endpoint, connection);
+          self->AcceptConnectHandler_(status, endpoint, acceptorId, connection);
         } else {
           ZEL_NET_LOG(kLogDebug).format("%s Ignoring AcceptConnectHandler - already destroyed",
                                         name.c_str());
@@ -333,7 +342,9 @@ void NetTransport::impl::Arm_(const Endpoint& endpoint, const SocketOptions& opt
 
 error_code NetTransport::impl::Listen(const Endpoint& endpoint, const SocketOptions& options,
                                       AcceptHandler handler) {
-  StreamAcceptorPtr acceptor;
+  // The handler a record held is destroyed after the lock is released: its
+  // captures may reach back into the transport.
+  AcceptHandler replaced;
   {
     MutexLock lock(mutex_);
     ZEL_NET_LOG(kLogInfo).format("%s Listen(%s)", name_.c_str(), endpoint.uri().c_str());
@@ -346,24 +357,28 @@ error_code NetTransport::impl::Listen(const Endpoint& endpoint, const SocketOpti
     if (it != acceptors_.end()) {
       ZEL_NET_LOG(kLogInfo).format("%s Listen - overriding acceptor handler for '%s'",
                                    name_.c_str(), endpoint.uri().c_str());
+      replaced = std::move(it->second.handler);
       it->second.handler = std::move(handler);
       return error_code();
     }
+    // The URI is taken before the acceptor is made, so that a second Listen
+    // meanwhile only replaces the handler (and never unlinks or binds the
+    // same socket file again). The record has no acceptor until it is made.
+    acceptors_.emplace(endpoint.uri(), AcceptorRecord{nullptr, options, std::move(handler)});
   }
+  StreamAcceptorPtr acceptor;
   try {
     acceptor = CreateAcceptor_(endpoint, options);
     {
       MutexLock lock(mutex_);
-      // Another Listen on the same URI may have won the race while this one
-      // made its acceptor: the first record stays, this one only adds its
-      // handler.
-      auto inserted = acceptors_.emplace(endpoint.uri(), AcceptorRecord{acceptor, options, handler});
-      if (!inserted.second) {
-        inserted.first->second.handler = std::move(handler);
+      auto it = acceptors_.find(endpoint.uri());
+      if (it == acceptors_.end() || it->second.acceptor) {
+        // Stopped, or shut down, while the acceptor was being made.
         lock.Unlock();
         acceptor->async_close();
-        return error_code();
+        return boost::asio::error::operation_aborted;
       }
+      it->second.acceptor = acceptor;
     }
     Arm_(endpoint, options, acceptor);
     return error_code();
@@ -371,10 +386,14 @@ error_code NetTransport::impl::Listen(const Endpoint& endpoint, const SocketOpti
     ZEL_NET_LOG(kLogError)
         .addTag(kTagNet3)
         .format("%s Failed to start listening on '%s'", name_.c_str(), endpoint.uri().c_str());
+    AcceptorRecord dropped;
     {
       MutexLock lock(mutex_);
       auto it = acceptors_.find(endpoint.uri());
-      if (it != acceptors_.end() && it->second.acceptor == acceptor) acceptors_.erase(it);
+      if (it != acceptors_.end() && it->second.acceptor == acceptor) {
+        dropped = std::move(it->second);
+        acceptors_.erase(it);
+      }
     }
     if (acceptor) acceptor->async_close();
     const Result<int*> failure = Failure<int*>(e);
@@ -399,7 +418,7 @@ void NetTransport::impl::AcceptHandler_(const error_code& status, const Endpoint
                   endpoint.uri().c_str(), status.value(), status.message().c_str());
     }
     auto it = acceptors_.find(endpoint.uri());
-    if (it == acceptors_.end() || it->second.acceptor->id() != acceptorId) {
+    if (it == acceptors_.end() || !it->second.acceptor || it->second.acceptor->id() != acceptorId) {
       ZEL_NET_LOG(kLogDebug).format(
           "%s Not re-starting acceptor on endpoint '%s' - not in listening list anymore",
           name_.c_str(), endpoint.uri().c_str());
@@ -418,14 +437,19 @@ void NetTransport::impl::AcceptHandler_(const error_code& status, const Endpoint
 }
 
 void NetTransport::impl::AcceptConnectHandler_(const error_code& status, const Endpoint& endpoint,
+                                               uint32_t acceptorId,
                                                const std::shared_ptr<StreamConnection>& connection) {
   ZEL_NET_LOG(kLogDebug).format("%s AcceptConnectHandler(status: %i-%s, ep: '%s')", name_.c_str(),
                                 status.value(), status.message().c_str(), endpoint.uri().c_str());
   AcceptHandler handler;
   {
     MutexLock lock(mutex_);
+    // Only the listener that accepted hears of it: a later Listen on the
+    // same URI has an acceptor of its own.
     auto it = acceptors_.find(endpoint.uri());
-    if (it != acceptors_.end()) handler = it->second.handler;
+    if (it != acceptors_.end() && it->second.acceptor && it->second.acceptor->id() == acceptorId) {
+      handler = it->second.handler;
+    }
   }
   ConnectionPtr accepted;
   if (status) {
@@ -481,7 +505,7 @@ void NetTransport::impl::StopListening(const Endpoint& endpoint) {
     record = std::move(it->second);
     acceptors_.erase(it);
   }
-  record.acceptor->async_close();
+  if (record.acceptor) record.acceptor->async_close();
   if (record.handler) {
     dispatcher_->Post([handler = std::move(record.handler)] {
       handler(boost::asio::error::operation_aborted, nullptr);
@@ -499,7 +523,9 @@ void NetTransport::impl::Shutdown() {
     acceptors.swap(acceptors_);
     connections.swap(connections_);
   }
-  for (auto& entry : acceptors) entry.second.acceptor->async_close();
+  for (auto& entry : acceptors) {
+    if (entry.second.acceptor) entry.second.acceptor->async_close();
+  }
   for (auto& entry : connections) {
     if (std::shared_ptr<StreamConnection> connection = entry.second.lock()) {
       ZEL_NET_LOG(kLogDebug).format("%s Shutdown - releasing connection[%u]", name_.c_str(),
@@ -517,7 +543,7 @@ std::string NetTransport::impl::ListeningAddress(const Endpoint& endpoint) const
   {
     MutexLock lock(mutex_);
     auto it = acceptors_.find(endpoint.uri());
-    if (it == acceptors_.end()) return std::string();
+    if (it == acceptors_.end() || !it->second.acceptor) return std::string();
     acceptor = it->second.acceptor;
   }
   return acceptor->local_endpoint();

@@ -512,10 +512,11 @@ void Resolver<K, V, E, P>::Shutdown() {
     Log(kLogInfo, "%s Shutting down - removing all requests");
     active_ = false;
     const boost::system::error_code down = net::error::make_error_code(net::error::shut_down);
-    for (auto& entry : entries_) {
-      for (Handler& h : entry.second.requests) out.deliveries.push_back({std::move(h), down, V()});
+    while (!entries_.empty()) {
+      auto it = entries_.begin();
+      for (Handler& h : it->second.requests) out.deliveries.push_back({std::move(h), down, V()});
+      Erase_(it);
     }
-    entries_.clear();
   }
   Send_(out);
 }

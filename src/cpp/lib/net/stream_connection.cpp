@@ -105,11 +105,10 @@ const char* ToString(CloseReason reason) {
 }
 
 std::string ToString(const ConnectionInfo& info) {
-  char head[64];
-  std::snprintf(head, sizeof head, "{id: %u, pr: %s, side: %s, endpoint: ", info.id,
-                ToString(info.priority), ToString(info.side));
-  return head + info.endpoint + ", local-ep: " + info.local_endpoint +
-         ", peer-ep: " + info.peer_endpoint + ", peer-auth: " + ToString(info.peer_auth) + "}";
+  return "{id: " + std::to_string(info.id) + ", pr: " + ToString(info.priority) +
+         ", side: " + ToString(info.side) + ", endpoint: " + info.endpoint +
+         ", local-ep: " + info.local_endpoint + ", peer-ep: " + info.peer_endpoint +
+         ", peer-auth: " + ToString(info.peer_auth) + "}";
 }
 
 // ---------------------------------------------------------------------------
@@ -136,6 +135,7 @@ StreamConnection::StreamConnection(PrivateTag, Params params)
   if (role_ == Role::SERVER) {
     metrics_.Mark(ConnectionEvent::OPEN_REMOTE);
     local_ = endpoint_;
+    UpdateName_();
     SetState_(State::ACCEPTING);
   } else {
     metrics_.Mark(ConnectionEvent::OPEN_LOCAL);
@@ -395,6 +395,14 @@ void StreamConnection::Deliver_(const error_code& status) {
   connectHandler_ = nullptr;
 }
 
+void StreamConnection::PostRefusal_(IoHandler handler) {
+  dispatcher_->Post([handler = std::move(handler)]() mutable {
+    WorkList work;
+    work.push_back(Work{std::move(handler), {}, {}, Generic(ENOTCONN), 0});
+    RunWork_(work);
+  });
+}
+
 void StreamConnection::RunWork_(WorkList& work) {
   for (Work& w : work) {
     try {
@@ -499,6 +507,11 @@ void StreamConnection::SetSocket_() {
 }
 
 void StreamConnection::SocketFailed_(const error_code&) {
+  if (state_ != State::RESOLVED) {
+    ZEL_NET_LOG(kLogDebug).format("%s ignoring SetSocket callback in %s state", name_.c_str(),
+                                  ToString(state_));
+    return;
+  }
   ZEL_NET_LOG(kLogWarn).format("%s Can't get socket - transport is shutdown", name_.c_str());
   error_ = error::make_error_code(error::shut_down);
   SetState_(State::ERROR);
@@ -597,7 +610,7 @@ void StreamConnection::Write_(IoBuffer& buffer, IoHandler& handler) {
         .addTag(kTagNet6)
         .format("%s Couldn't write data - %s", name_.c_str(),
                 connected ? "socket is closed" : "not connected");
-    dispatcher_->Post([handler = std::move(handler)] { handler(Generic(ENOTCONN), 0); });
+    PostRefusal_(std::move(handler));
     return;
   }
   metrics_.Tx(buffer.size());
@@ -630,7 +643,7 @@ void StreamConnection::Read_(IoBuffer& buffer, std::size_t size, int mode, IoHan
         .addTag(kTagNet5)
         .format("%s Couldn't read data - %s", name_.c_str(),
                 connected ? "socket is closed" : "not connected");
-    dispatcher_->Post([handler = std::move(handler)] { handler(Generic(ENOTCONN), 0); });
+    PostRefusal_(std::move(handler));
     return;
   }
   ZEL_NET_LOG(kLogDebug).format("%s Reading into buffer: %zu bytes", name_.c_str(), size);

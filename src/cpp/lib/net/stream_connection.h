@@ -150,6 +150,8 @@ class StreamConnection final : public Connection,
   }
   // Runs each piece of work; one that throws ends the process (NET9999).
   static void RunWork_(WorkList& work);
+  // Posts `handler` with ENOTCONN, for a read or write refused at once.
+  void PostRefusal_(IoHandler handler);
 
   void SetState_(ConnectionState state) REQUIRES(mutex_);
   void Exit_(ConnectionState state) REQUIRES(mutex_);

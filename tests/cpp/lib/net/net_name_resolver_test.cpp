@@ -122,7 +122,11 @@ TEST(ResolverTest, PassingTableKeepsNothing) {
 class NetNameResolverTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
+    // Lookups ask only for the families this host has addresses of, loopback
+    // not counted: give the namespace an IPv4 and an IPv6 address.
     ready_ = zel::testing::EnterPrivateNetwork() &&
+             zel::testing::Shell("ip link add zr0 type bridge && ip addr add 10.88.0.1/24 dev zr0 && "
+                                 "ip -6 addr add fd00:88::1/64 dev zr0 nodad && ip link set zr0 up") &&
              zel::testing::ReplaceFile("/etc/hosts",
                                        "10.1.0.5 one.test\n"
                                        "10.1.0.6 two.test\n"

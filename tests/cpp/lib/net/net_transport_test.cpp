@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 
 #include <set>
+#include <thread>
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ssl/error.hpp>
@@ -63,6 +64,34 @@ TEST_F(NetTransportTest, ListenTwiceReplacesOnlyTheHandler) {
   EXPECT_FALSE(first->Next(std::chrono::milliseconds(0)));
   EXPECT_EQ(rig_.transport->ListeningAddress(Endpoint("tcp://127.0.0.1:4300")),
             "tcp://127.0.0.1:4300");
+
+  // Two at once on one socket file: one acceptor, and the file stays.
+  const std::string uri = "unix:///run/netns/twice.sock";
+  std::vector<std::shared_ptr<AcceptQueue>> queues(2, std::make_shared<AcceptQueue>());
+  auto listen = [&](int i) {
+    rig_.transport->Listen(Endpoint(uri), {}, [q = queues[i]](const error_code& ec, const ConnectionPtr& c) {
+      return q->Push(ec, c);
+    });
+  };
+  std::thread other(listen, 1);
+  listen(0);
+  other.join();
+  EXPECT_FALSE(rig_.Connect(uri).status);
+  EXPECT_EQ(log_.Count("CreateAcceptor(" + uri + ")"), 1u);
+}
+
+// A listener started again on a URI hears nothing of the one stopped before.
+TEST_F(NetTransportTest, StoppedListenerDoesNotReachItsSuccessor) {
+  auto first = rig_.Listen("tcp://127.0.0.1:4309");
+  ASSERT_TRUE(first);
+  rig_.transport->StopListening(Endpoint("tcp://127.0.0.1:4309"));
+  EXPECT_EQ(first->NextError(), boost::asio::error::operation_aborted);
+  auto second = rig_.Listen("tcp://127.0.0.1:4309");
+  ASSERT_TRUE(second);
+  ASSERT_TRUE(log_.WaitFor("Accept on endpoint 'tcp://127.0.0.1:4309' was cancelled"));
+  ASSERT_FALSE(rig_.Connect("tcp://127.0.0.1:4309").status);
+  EXPECT_TRUE(second->Next());
+  EXPECT_FALSE(second->NextError(std::chrono::milliseconds(0)));
 }
 
 // An accept that fails (no descriptor left) re-arms at once; once

@@ -33,8 +33,11 @@ boost::system::error_code make_error_code(unsigned long err) {
 }
 
 boost::system::error_code LastError() {
-  const unsigned long err = ERR_get_error();
+  unsigned long err = ERR_get_error();
   ERR_clear_error();
+  // A failure that left nothing on the queue must still read as a failure:
+  // code 0 would be "no error".
+  if (err == 0) err = ERR_PACK(ERR_LIB_NONE, 0, ERR_R_INTERNAL_ERROR);
   return make_error_code(err);
 }
 

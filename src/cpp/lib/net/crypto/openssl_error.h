@@ -45,8 +45,8 @@ const boost::system::error_category& get_openssl_category();
 boost::system::error_code make_error_code(unsigned long err);
 
 // The oldest error on this thread's OpenSSL error queue as an error code
-// (the queue is then emptied); a failure that left no entry reads as code 0
-// of the category, which callers still treat as a failure.
+// (the queue is then emptied). A failure that left no entry reads as
+// OpenSSL's "internal error", so that the result is never success.
 boost::system::error_code LastError();
 
 }  // namespace error

@@ -157,9 +157,9 @@ class StreamSocketImpl final : public StreamSocket,
 
   void SetState_(State state) REQUIRES(mutex_);
   void UpdateName_() REQUIRES(mutex_);
-  // The printed address of one side, "ssl-" before it on TLS; a failed query
-  // is logged (NET30) and gives "error".
-  std::string AddressText_(Side side) REQUIRES(mutex_);
+  // Stores the printed address of one side in `text`, with "ssl-" before it
+  // on TLS. A failed query is logged (NET30) and leaves `text` as it was.
+  void TakeAddressText_(Side side, std::string& text) REQUIRES(mutex_);
   void Connect_(const typename P::lower::endpoint& target, StatusHandler handler);
   void OnConnect_(const error_code& ec, const StatusHandler& handler);
   void Handshake_(boost::asio::ssl::stream_base::handshake_type type, StatusHandler handler);
@@ -270,6 +270,7 @@ StreamSocketImpl<P>::~StreamSocketImpl() {
       error_code ignored;
       Lowest().cancel(ignored);
       SetState_(State::CLOSING);
+      ZEL_NET_LOG(kLogDebug).format("%s DoClose", name_.c_str());
       Close_(false);
     } else {
       ZEL_NET_LOG(kLogDebug).format("%s Not closing - already scheduled", name_.c_str());
@@ -330,7 +331,7 @@ void StreamSocketImpl<P>::UpdateName_() {
 }
 
 template <class P>
-std::string StreamSocketImpl<P>::AddressText_(Side side) {
+void StreamSocketImpl<P>::TakeAddressText_(Side side, std::string& text) {
   error_code ec;
   const auto ep = side == Side::kLocal ? Lowest().local_endpoint(ec) : Lowest().remote_endpoint(ec);
   if (ec) {
@@ -339,7 +340,7 @@ std::string StreamSocketImpl<P>::AddressText_(Side side) {
         .format(side == Side::kLocal ? "%s failed to get local endpoint: %i-%s"
                                      : "%s failed to get remote endpoint: %i-%s",
                 name_.c_str(), ec.value(), ec.message().c_str());
-    return "error";
+    return;
   }
   if constexpr (!P::kLocal) {
     std::string& host = side == Side::kLocal ? localHost_ : peerHost_;
@@ -347,9 +348,9 @@ std::string StreamSocketImpl<P>::AddressText_(Side side) {
     host = ep.address().to_string();
     port = ep.port();
   }
-  const std::string text =
+  const std::string printed =
       P::Text(static_cast<int>(const_cast<lowest_layer_type&>(Lowest()).native_handle()), side);
-  return P::kTls ? "ssl-" + text : text;
+  text = P::kTls ? "ssl-" + printed : printed;
 }
 
 template <class P>
@@ -371,9 +372,15 @@ void StreamSocketImpl<P>::on_accept(const error_code& status, StatusHandler hand
     MutexLock lock(mutex_);
     ZEL_NET_LOG(kLogDebug).format("%s on_accept %i-%s", name_.c_str(), status.value(),
                                   status.message().c_str());
+    if (!status && (state_ == State::CLOSING || state_ == State::CLOSED)) {
+      // Released while the accept was under way: it ends here.
+      lock.Unlock();
+      handler(boost::asio::error::operation_aborted);
+      return;
+    }
     if (!status) {
-      local_ = AddressText_(Side::kLocal);
-      remote_ = AddressText_(Side::kPeer);
+      TakeAddressText_(Side::kLocal, local_);
+      TakeAddressText_(Side::kPeer, remote_);
       metrics_.Mark(SocketEvent::OPEN);
       metrics_.Mark(SocketEvent::OPEN_REMOTE);
       SetState_(P::kTls ? State::ACCEPTING : State::CONNECTED);
@@ -422,6 +429,12 @@ void StreamSocketImpl<P>::async_connect(const Endpoint& endpoint, StatusHandler 
   const auto target = ToAsio<P>(P::Address(endpoint));
   MutexLock lock(mutex_);
   ZEL_NET_LOG(kLogDebug).format("%s async_connect", name_.c_str());
+  if (state_ == State::CLOSING || state_ == State::CLOSED) {
+    boost::asio::post(*io_, [handler = std::move(handler)] {
+      handler(boost::asio::error::operation_aborted);
+    });
+    return;
+  }
   remote_ = endpoint.uri();
   if (!Lowest().is_open()) {
     error_code ec;
@@ -462,8 +475,7 @@ void StreamSocketImpl<P>::OnConnect_(const error_code& ec, const StatusHandler& 
     metrics_.Mark(SocketEvent::CONNECT);
     metrics_.Mark(ec ? SocketEvent::CONNECT_ERR : SocketEvent::CONNECT_OK);
     if (!ec) {
-      local_ = AddressText_(Side::kLocal);
-      remote_ = AddressText_(Side::kPeer);
+      TakeAddressText_(Side::kLocal, local_);
       KeepPeerCertificate_();
       SetState_(State::CONNECTED);
     }
@@ -500,7 +512,6 @@ void StreamSocketImpl<P>::OnRead_(const error_code& ec, std::size_t n, uint8_t* 
   done += n;
   {
     MutexLock lock(mutex_);
-    if (n > 0) metrics_.Rx(n);
     if (!ec && mode == kReadFill && done < size && n > 0) {
       if (state_ != State::CLOSING && state_ != State::CLOSED) {
         ReadNext_(data, size, done, mode, std::move(handler));
@@ -508,6 +519,8 @@ void StreamSocketImpl<P>::OnRead_(const error_code& ec, std::size_t n, uint8_t* 
       }
     }
   }
+  // One operation, however many pieces it took.
+  if (done > 0) metrics_.Rx(done);
   const bool cutShort = !ec && mode == kReadFill && done < size;
   handler(cutShort ? boost::asio::error::operation_aborted : ec, done);
 }
@@ -538,7 +551,6 @@ void StreamSocketImpl<P>::OnWrite_(const error_code& ec, std::size_t n, const ui
   done += n;
   {
     MutexLock lock(mutex_);
-    if (n > 0) metrics_.Tx(n);
     if (!ec && done < size && n > 0) {
       if (state_ != State::CLOSING && state_ != State::CLOSED) {
         WriteNext_(data, size, done, std::move(handler));
@@ -546,6 +558,7 @@ void StreamSocketImpl<P>::OnWrite_(const error_code& ec, std::size_t n, const ui
       }
     }
   }
+  if (done > 0) metrics_.Tx(done);
   const bool cutShort = !ec && done < size;
   handler(cutShort ? boost::asio::error::operation_aborted : ec, done);
 }
@@ -682,6 +695,7 @@ StreamAcceptorImpl<P>::~StreamAcceptorImpl() {
       error_code ignored;
       acceptor_.cancel(ignored);
       SetState_(State::CLOSING);
+      ZEL_NET_LOG(kLogDebug).format("%s DoClose", name_.c_str());
       Close_();
     } else {
       ZEL_NET_LOG(kLogDebug).format("%s Not closing - already scheduled", name_.c_str());
@@ -724,10 +738,12 @@ void StreamAcceptorImpl<P>::Unlink_(const char* when) {
   ZEL_NET_LOG(kLogDebug)
       .format("%s Attempting to unlink file %s", name_.c_str(), path.c_str())
       .format(" %s", when);
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+  const int rc = ::unlink(path.c_str());
+  const int error = errno;
+  if (rc != 0 && error != ENOENT) {
     ZEL_NET_LOG(kLogError)
         .addTag(kTagNet31)
-        .format("%s Failed to unlink file %s (error: %i)", name_.c_str(), path.c_str(), errno);
+        .format("%s Failed to unlink file %s (error: %i)", name_.c_str(), path.c_str(), error);
   }
 }
 
@@ -775,6 +791,12 @@ void StreamAcceptorImpl<P>::async_accept(const std::shared_ptr<StreamSocket>& so
     return;
   }
   auto peer = std::dynamic_pointer_cast<StreamSocketImpl<P>>(socket);
+  if (state_ != State::OPEN && state_ != State::LISTENING) {
+    boost::asio::post(*io_, [connect_handler = std::move(connect_handler)] {
+      connect_handler(boost::asio::error::bad_descriptor);
+    });
+    return;
+  }
   if (!peer) {
     // A socket of another kind: the transport never makes one.
     boost::asio::post(*io_, [connect_handler = std::move(connect_handler)] {
