@@ -17,6 +17,10 @@ shift || true
 if [ "${presets[0]}" = all ]; then presets=(default asan tsan); fi
 
 jobs=$(nproc)
+# ccache hits across checkouts in other directories (a CI clone, a second
+# work tree): paths below the checkout count as relative, and the working
+# directory stays out of the hash.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=true
 for preset in "${presets[@]}"; do
   echo "== $preset: configure"
   cmake --preset "$preset" >/dev/null
