@@ -97,13 +97,13 @@ std::string ConnectionOptions::ToString() const {
 // ---------------------------------------------------------------------------
 // WeightedQueueSet
 
-RpcConnection::WeightedQueueSet::WeightedQueueSet()
+WeightedQueueSet::WeightedQueueSet()
     : entries_{{kStreamPrioritySputnik, 10, 0, {}},
                {kStreamPriorityHigh, 5, 0, {}},
                {kStreamPriorityNormal, 2, 0, {}},
                {kStreamPriorityLow, 1, 0, {}}} {}
 
-bool RpcConnection::WeightedQueueSet::Push(uint32_t priority, RpcFramePtr frame) {
+bool WeightedQueueSet::Push(uint32_t priority, RpcFramePtr frame) {
   for (Entry& e : entries_) {
     if (e.priority == priority) {
       e.frames.push_back(std::move(frame));
@@ -113,13 +113,13 @@ bool RpcConnection::WeightedQueueSet::Push(uint32_t priority, RpcFramePtr frame)
   return false;
 }
 
-std::size_t RpcConnection::WeightedQueueSet::size() const {
+std::size_t WeightedQueueSet::size() const {
   std::size_t n = 0;
   for (const Entry& e : entries_) n += e.frames.size();
   return n;
 }
 
-bool RpcConnection::WeightedQueueSet::Next_(RpcFramePtr* out, bool* allHadQuota) {
+bool WeightedQueueSet::Next_(RpcFramePtr* out, bool* allHadQuota) {
   *allHadQuota = true;
   for (std::size_t step = 0; step < 4; ++step) {
     const std::size_t i = (next_ + step) % 4;
@@ -140,7 +140,7 @@ bool RpcConnection::WeightedQueueSet::Next_(RpcFramePtr* out, bool* allHadQuota)
   return false;
 }
 
-bool RpcConnection::WeightedQueueSet::Pop(RpcFramePtr* out) {
+bool WeightedQueueSet::Pop(RpcFramePtr* out) {
   bool allHadQuota = true;
   if (Next_(out, &allHadQuota)) return true;
   // A quota ran out: a new cycle may find frames; with quota everywhere,

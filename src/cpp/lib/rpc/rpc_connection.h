@@ -123,6 +123,31 @@ class TransportInterface {
                                const RpcFramePtr& frame) = 0;
 };
 
+// The four weighted transmit queues of a connection, by wire priority: 127
+// (weight 10), 96 (5), 64 (2), 32 (1). A cycle takes one frame from each
+// queue in turn, skipping the empty ones and those whose quota is used up,
+// until every quota is used up or every queue is empty; then a new cycle
+// begins with 127. With all four full, a cycle sends 18 frames.
+class WeightedQueueSet {
+ public:
+  WeightedQueueSet();
+  // False for a priority that is none of the four.
+  bool Push(uint32_t priority, RpcFramePtr frame);
+  bool Pop(RpcFramePtr* out);
+  std::size_t size() const;
+
+ private:
+  struct Entry {
+    uint32_t priority;
+    int weight;
+    int served = 0;
+    std::deque<RpcFramePtr> frames;
+  };
+  bool Next_(RpcFramePtr* out, bool* allHadQuota);
+  Entry entries_[4];
+  std::size_t next_ = 0;
+};
+
 class RpcConnection : public Connection, public boost::enable_shared_from_this<RpcConnection> {
  public:
   enum class State { INIT = 0, CONNECTING, NEGOTIATING, CONNECTED, CLOSED };
@@ -189,27 +214,6 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   RpcConnection(PrivateTag, Params params);
 
  private:
-  // The four weighted transmit queues.
-  class WeightedQueueSet {
-   public:
-    WeightedQueueSet();
-    // False for a priority that is none of the four.
-    bool Push(uint32_t priority, RpcFramePtr frame);
-    bool Pop(RpcFramePtr* out);
-    std::size_t size() const;
-
-   private:
-    struct Entry {
-      uint32_t priority;
-      int weight;
-      int served = 0;
-      std::deque<RpcFramePtr> frames;
-    };
-    bool Next_(RpcFramePtr* out, bool* allHadQuota);
-    Entry entries_[4];
-    std::size_t next_ = 0;
-  };
-
   enum ReadState : uint32_t { kReadIdle = 0, kReading = 1, kReadSuspended = 2 };
   // What the read path leaves for after the lock is released.
   struct ReadOutcome {
