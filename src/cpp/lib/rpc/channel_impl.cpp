@@ -324,6 +324,8 @@ void ChannelImpl::DoReceive_(const ZelRpcMessage& message) {
         .format("%s Couldn't receive - already closed", name.c_str());
     return;
   }
+  // A frame of the stream's own (the one that opened it) carries no call.
+  if (!message.frame.has_rpc_msg()) return;
   const auto& rpc = message.frame.rpc_msg();
   const RpcStatus result =
       rpc.method().empty() ? ReceiveForEstablishedCall_(message) : ReceiveForNewCall_(message);
@@ -405,7 +407,7 @@ RpcStatus ChannelImpl::ReceiveForNewCall_(const ZelRpcMessage& message) {
     context.net_peer = info.net_peer;
   }
   std::shared_ptr<MessageConsumer> consumer =
-      method->handler ? method->handler->MakeConsumer(method->method) : nullptr;
+      method->handler ? method->handler->MakeConsumer(method->method, RefPtr<Call>(call)) : nullptr;
   call->Accept(message, context, std::move(consumer));
   call->Receive(message);
   return RpcStatus::Success();

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "cpp/lib/common/mutex.h"
+#include "cpp/lib/common/ref_counted.h"
 #include "cpp/lib/rpc/rpc_frame.h"
 #include "cpp/lib/rpc/rpc_status.h"
 
@@ -101,11 +102,15 @@ class MessageConsumer {
   virtual RpcStatus CallStatus(const RpcStatus& status) = 0;
 };
 
-// Makes the consumer of a new server call of one method.
+class Call;
+
+// Makes the consumer of a new server call of one method; the consumer
+// answers through `call`.
 class MethodHandler {
  public:
   virtual ~MethodHandler() = default;
-  virtual std::shared_ptr<MessageConsumer> MakeConsumer(const RpcMethod& method) = 0;
+  virtual std::shared_ptr<MessageConsumer> MakeConsumer(const RpcMethod& method,
+                                                        const RefPtr<Call>& call) = 0;
 };
 
 struct RpcServiceMethod {
