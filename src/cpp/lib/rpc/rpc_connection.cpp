@@ -458,9 +458,12 @@ void RpcConnection::OnRead_(const error_code& ec, std::size_t bytes) {
     }
   }
   if (out.close) return Close(*out.close);
-  if (out.readNext) ReadNext_();
+  // The frame reaches its channel or forwarder before the next read starts:
+  // that read may complete on another thread, and frames of one stream must
+  // arrive in the order they were sent.
   if (out.forwarder) Forward_(out.forwarder, out.forwarded, out.lastForwarded);
   if (out.stream) StreamFrame_(*out.stream);
+  if (out.readNext) ReadNext_();
   if (out.connected) out.connected(error_code());
 }
 

@@ -102,6 +102,21 @@ TEST_F(RpcConnectionTest, NegotiatesAndCarriesCalls) {
   EXPECT_EQ(chat->WaitStatus(), RpcStatus::Success());
   EXPECT_EQ(chat->messages(), std::vector<std::string>{"one"});
   EXPECT_EQ(unary->statuses(), 1);
+  // Frames of one stream arrive in the order sent, whichever dispatcher
+  // thread reads them.
+  {
+    auto collector = std::make_shared<Collector>();
+    RpcCallPtr call = channel->CreateCall(kChat);
+    call->Start(ClientContext(), collector);
+    std::vector<std::string> sent;
+    for (int i = 0; i < 1000; ++i) {
+      sent.push_back(std::to_string(i));
+      call->SendPayload(MakeRefCounted<SharedBuffer>(sent.back().data(), sent.back().size()));
+    }
+    call->Done(RpcStatus::Success());
+    EXPECT_EQ(collector->WaitStatus(), RpcStatus::Success());
+    EXPECT_EQ(collector->messages(), sent);
+  }
 
   // Unknown method: answered UNIMPLEMENTED, the channel stays open.
   auto unknown = rig_.Call(channel, RpcMethod{"orvane.zel.Test.Nope", "orvane.zel.Test", RMT_SIMPLE}, "x");
@@ -118,11 +133,13 @@ TEST_F(RpcConnectionTest, NegotiatesAndCarriesCalls) {
   EXPECT_TRUE(log_.WaitFor("Received message for non existing call 0x0063"));
   EXPECT_TRUE(log_.WaitFor("Ignoring received message for non existing call 0x0063 with status INTERNAL"));
 
-  // A second frame that opens an existing call id is refused; the call goes on.
+  // A second frame that opens an existing call id is refused; the call goes
+  // on. "quiet" gets no answer, which this channel would refuse and so end
+  // the call before the second frame arrives.
   ZelRpcMessage first;
   first.SetCallId(500);
   first.SetMethod(kChat.name);
-  first.SetPayload(MakeRefCounted<SharedBuffer>("a", 1));
+  first.SetPayload(MakeRefCounted<SharedBuffer>("quiet", 5));
   EXPECT_TRUE(channel->Send(first).ok());
   EXPECT_TRUE(channel->Send(first).ok());
   EXPECT_TRUE(log_.WaitFor("Can't start new call (0x01f4 for orvane.zel.Test.Chat) - already exists"));
@@ -134,7 +151,6 @@ TEST_F(RpcConnectionTest, NegotiatesAndCarriesCalls) {
   client->Close(CloseReason::CLOSED_BY_USER);
   client->Close(CloseReason::CLOSED_BY_USER);
   EXPECT_EQ(closes, 1);
-  EXPECT_EQ(log_.Count("is already closed"), 1u);
   // The peer sees the end of the stream as a network error.
   EXPECT_TRUE(WaitState(server, State::CLOSED));
   EXPECT_TRUE(log_.WaitFor("Closing (network error)"));
@@ -283,15 +299,20 @@ TEST_F(RpcConnectionTest, ReadingStopsAt2000AndResumesAt1000) {
   auto server = accepted->Next();
   ASSERT_TRUE(client && server && WaitState(server, State::CONNECTED));
   auto channel = rig_.OpenChannel(client, "orvane.zel.Test");
-  // Frames waiting in channel queues are counted by hand here: each call
-  // below makes the server read one more frame past the count.
-  for (int i = 0; i < 1999; ++i) server->OnFrameQueued();
-  EXPECT_EQ(rig_.Call(channel, kEcho, "a")->WaitStatus(), RpcStatus::Success());
+  // Frames waiting in channel queues are counted by hand here. A read is
+  // always outstanding, so the frame that crosses the mark is still read and
+  // the gate closes the read after it. The frame that opened the stream may
+  // still wait in the channel's queue.
+  ASSERT_TRUE(zel::testing::WaitUntil([&] { return server->rx_queued() == 0; }));
+  for (int i = 0; i < 1998; ++i) server->OnFrameQueued();
+  EXPECT_EQ(rig_.Call(channel, kEcho, "a")->WaitStatus(), RpcStatus::Success());  // peaks at 1999
   EXPECT_FALSE(server->reading_suspended());
+  server->OnFrameQueued();
   server->OnFrameQueued();  // 2000
-  auto stalled = rig_.Call(channel, kEcho, "b");
+  EXPECT_EQ(rig_.Call(channel, kEcho, "b")->WaitStatus(), RpcStatus::Success());
   EXPECT_TRUE(log_.WaitFor("read suspended"));
   EXPECT_TRUE(server->reading_suspended());
+  auto stalled = rig_.Call(channel, kEcho, "c");
   for (int i = 0; i < 999; ++i) server->OnFrameTaken();  // 1001 left
   EXPECT_TRUE(server->reading_suspended());
   server->OnFrameTaken();  // 1000: reading goes on

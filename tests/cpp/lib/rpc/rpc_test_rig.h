@@ -56,8 +56,8 @@ const RpcMethod kEcho{"orvane.zel.Test.Echo", "orvane.zel.Test", RMT_SIMPLE};
 const RpcMethod kChat{"orvane.zel.Test.Chat", "orvane.zel.Test", RMT_BIDI_STREAMING};
 
 // The test service: Echo answers its request ("fail" fails the call with
-// APPLICATION_ERROR); Chat answers every message and completes when the
-// client does.
+// APPLICATION_ERROR); Chat answers every message but "quiet" and completes
+// when the client does.
 class TestHandler : public MethodHandler {
  public:
   std::shared_ptr<MessageConsumer> MakeConsumer(const RpcMethod& method,
@@ -70,6 +70,7 @@ class TestHandler : public MethodHandler {
         const std::string in(reinterpret_cast<const char*>(p.data), p.size);
         auto out = MakeRefCounted<SharedBuffer>(in.data(), in.size());
         if (in == "fail") return call->Done(RpcStatus(APPLICATION_ERROR)), RpcStatus::Success();
+        if (in == "quiet") return RpcStatus::Success();
         if (streaming) return call->SendPayload(out);
         return call->CompletePayload(out, RpcStatus::Success());
       }
