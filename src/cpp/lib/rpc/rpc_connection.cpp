@@ -458,12 +458,14 @@ void RpcConnection::OnRead_(const error_code& ec, std::size_t bytes) {
     }
   }
   if (out.close) return Close(*out.close);
-  // The frame reaches its channel or forwarder before the next read starts:
-  // that read may complete on another thread, and frames of one stream must
-  // arrive in the order they were sent.
-  if (out.forwarder) Forward_(out.forwarder, out.forwarded, out.lastForwarded);
-  if (out.stream) StreamFrame_(*out.stream);
-  if (out.readNext) ReadNext_();
+  {
+    // The next read is under way while this frame is passed on; the frame it
+    // brings waits here until this one has reached its channel.
+    MutexLock delivery(deliveryMutex_);
+    if (out.readNext) ReadNext_();
+    if (out.forwarder) Forward_(out.forwarder, out.forwarded, out.lastForwarded);
+    if (out.stream) StreamFrame_(*out.stream);
+  }
   if (out.connected) out.connected(error_code());
 }
 

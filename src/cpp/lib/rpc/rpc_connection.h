@@ -274,6 +274,10 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   std::atomic<uint32_t> readState_{kReadIdle};
   std::atomic<uint64_t> rxQueued_{0};
 
+  // Held from just before the next read starts until the frame just read is
+  // passed on: that read may complete on another thread, and the frames of
+  // a stream must reach their channel in the order they came.
+  Mutex deliveryMutex_ ACQUIRED_BEFORE(mutex_);
   mutable Mutex mutex_;
   State state_ GUARDED_BY(mutex_) = State::INIT;
   std::string localEndpoint_ GUARDED_BY(mutex_);

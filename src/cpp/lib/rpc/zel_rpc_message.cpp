@@ -108,30 +108,32 @@ RpcFramePtr ZelRpcMessage::Serialize(const ZelRpcMessage& m) {
   }
   const std::size_t frameSize = m.frame.ByteSizeLong();
   const std::size_t payloadSize = m.payload ? m.payload->size() : 0;
-  const std::string header = ToString(HeaderOf(m, controlSize, frameSize, payloadSize));
+  const RpcFrameHeader h = HeaderOf(m, controlSize, frameSize, payloadSize);
+  // The header's text is made only for a line that is written: the frame
+  // itself is the one allocation of a send.
   if (controlSize > kMaxStreamControlSize) {
     ZEL_RPC_LOG(kLogWarn).format("ZelRpcMessage: Stream control size is over maximum (%zu/%zu) for %s",
-                                 controlSize, kMaxStreamControlSize, header.c_str());
+                                 controlSize, kMaxStreamControlSize, ToString(h).c_str());
     return nullptr;
   }
   if (frameSize > kMaxFrameSize) {
     ZEL_RPC_LOG(kLogWarn).format("ZelRpcMessage: Frame size is over maximum (%zu/%zu) for %s",
-                                 frameSize, kMaxFrameSize, header.c_str());
+                                 frameSize, kMaxFrameSize, ToString(h).c_str());
     return nullptr;
   }
   if (payloadSize > kMaxPayloadSize) {
     ZEL_RPC_LOG(kLogWarn).format("ZelRpcMessage: Payload size is over maximum (%zu/%zu) for %s",
-                                 payloadSize, kMaxPayloadSize, header.c_str());
+                                 payloadSize, kMaxPayloadSize, ToString(h).c_str());
     return nullptr;
   }
   const std::size_t total = kHeaderSize + controlSize + frameSize + payloadSize;
   ZEL_RPC_LOG(kLogDebug).format("RpcFrame: Allocating %zu bytes for message with %s", total,
-                                header.c_str());
-  RpcFramePtr frame = RpcFrame::ForWrite(HeaderOf(m, controlSize, frameSize, payloadSize));
+                                ToString(h).c_str());
+  RpcFramePtr frame = RpcFrame::ForWrite(h);
   control->SerializeWithCachedSizesToArray(frame->stream_control().data);
   m.frame.SerializeWithCachedSizesToArray(frame->frame().data);
   if (payloadSize > 0) std::memcpy(frame->payload().data, m.payload->data(), payloadSize);
-  ZEL_RPC_LOG(kLogDebug).format("ZelRpcMessage: Serializing %s", header.c_str());
+  ZEL_RPC_LOG(kLogDebug).format("ZelRpcMessage: Serializing %s", ToString(h).c_str());
   return frame;
 }
 

@@ -1,14 +1,17 @@
 // RPC connections and channels over real local sockets: negotiation, calls of
 // both shapes end to end, the answers to unknown methods, calls and streams,
 // a peer that misbehaves (settings twice, a control frame of nothing, no
-// settings at all, silence under keepalive), the read gate's boundaries, the
-// weighted transmit queues, closing; and the channel scheduler's weights.
+// settings at all, silence under keepalive), a read or write that fails at
+// each step, the read gate's boundaries, the weighted transmit queues,
+// closing; and the channel scheduler's weights.
 #include "cpp/lib/rpc/rpc_connection.h"
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <future>
 
+#include <boost/asio/error.hpp>
 #include <gtest/gtest.h>
 
 #include "rpc_test_rig.h"
@@ -291,6 +294,89 @@ TEST_F(RpcConnectionTest, KeepaliveClosesASilentPeerOnly) {
   EXPECT_EQ(client->state(), State::CONNECTED);
   EXPECT_EQ(server->state(), State::CONNECTED);
   EXPECT_NE(client->keepalive_state(), RpcConnection::KeepaliveState::INACTIVE);
+}
+
+// A net connection that fails its Nth read or write as a peer's reset would:
+// the operation's handler gets "connection reset" from the dispatcher and
+// the real connection is closed.
+class FaultyConnection : public net::Connection {
+ public:
+  FaultyConnection(net::ConnectionPtr inner, boost::shared_ptr<Dispatcher> dispatcher,
+                   bool failRead, int n)
+      : inner_(std::move(inner)), dispatcher_(std::move(dispatcher)), failRead_(failRead), n_(n) {}
+
+  net::StreamSocketPtr socket() const override { return inner_->socket(); }
+  net::Endpoint local_endpoint() const override { return inner_->local_endpoint(); }
+  net::Endpoint remote_endpoint() const override { return inner_->remote_endpoint(); }
+  net::X509CertificatePtr peer_certificate() const override { return inner_->peer_certificate(); }
+  net::ConnectionInfo info() const override { return inner_->info(); }
+  void Connect(net::StatusHandler handler) override { inner_->Connect(std::move(handler)); }
+  void Accept() override { inner_->Accept(); }
+  void Close(net::CloseReason reason) override { inner_->Close(reason); }
+  void Write(net::IoBuffer buffer, net::IoHandler handler) override {
+    if (!failRead_ && ++ops_ == n_) return Fail(std::move(handler));
+    inner_->Write(std::move(buffer), std::move(handler));
+  }
+  void Read(net::IoBuffer buffer, std::size_t size, int mode, net::IoHandler handler) override {
+    if (failRead_ && ++ops_ == n_) return Fail(std::move(handler));
+    inner_->Read(std::move(buffer), size, mode, std::move(handler));
+  }
+  uint32_t id() const override { return inner_->id(); }
+  void set_priority(net::ConnectionPriority priority) override { inner_->set_priority(priority); }
+
+ private:
+  void Fail(net::IoHandler handler) {
+    inner_->Close(net::CloseReason::BY_USER);
+    dispatcher_->Post([handler = std::move(handler)] {
+      handler(boost::asio::error::connection_reset, 0);
+    });
+  }
+
+  const net::ConnectionPtr inner_;
+  const boost::shared_ptr<Dispatcher> dispatcher_;
+  const bool failRead_;
+  const int n_;
+  std::atomic<int> ops_{0};
+};
+
+// Client reads: settings header and body, then the channel ack's header and
+// body, then the answer's. Client writes: settings, channel open, the call.
+// Whichever fails, the connection closes once and what was under way fails
+// rather than hangs. The connect handler runs only for a connection that got
+// as far as "Connected"; one closed while negotiating reports through its
+// close handler.
+TEST_F(RpcConnectionTest, AFailedReadOrWriteClosesOnce) {
+  struct Row {
+    bool read;
+    int n;
+    bool connects;  // the fault comes after negotiation
+  };
+  const Row rows[] = {{true, 1, false}, {true, 2, false}, {true, 3, true},  {true, 5, true},
+                      {false, 1, false}, {false, 2, true}, {false, 3, true}};
+  auto accepted = rig_.Listen();
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::string(r.read ? "read " : "write ") + std::to_string(r.n));
+    net::ConnectionPtr inner = rig_.net->NewConnection(net::Endpoint("unix://" + rig_.path), {}).value();
+    auto client = rig_.Make(std::make_shared<FaultyConnection>(inner, rig_.dispatcher, r.read, r.n), 0, {});
+    std::atomic<int> closes{0}, connects{0};
+    ASSERT_TRUE(client->SetOnClose([&](CloseReason) { ++closes; }));
+    client->AsyncConnect([&](const error_code& ec) {
+      EXPECT_FALSE(ec);
+      ++connects;
+    });
+    auto server = accepted->Next();
+    ASSERT_TRUE(server);
+    if (r.connects) {
+      ASSERT_TRUE(zel::testing::WaitUntil([&] { return connects.load() == 1; }));
+      error_code opened;
+      auto channel = rig_.OpenChannel(client, "orvane.zel.Test", ChannelPriority::NORMAL, &opened);
+      if (!opened) EXPECT_EQ(rig_.Call(channel, kEcho, "x")->WaitStatus().code(), COMMUNICATION_ERROR);
+    }
+    EXPECT_TRUE(WaitState(client, State::CLOSED));
+    EXPECT_TRUE(WaitState(server, State::CLOSED));
+    EXPECT_EQ(closes.load(), 1);
+    EXPECT_EQ(connects.load(), r.connects ? 1 : 0);
+  }
 }
 
 TEST_F(RpcConnectionTest, ReadingStopsAt2000AndResumesAt1000) {
