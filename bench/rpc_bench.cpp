@@ -15,6 +15,9 @@
 //              while all were busy.
 //
 //   rpc_bench [--rounds N] [--frames N] [--ops N] [--only frame|pipe|scheduler]
+//             [--impl ours|bare]
+//
+// --impl runs one side of the pipe rounds only, for a profiler.
 //
 // Targets: one allocation to build a frame, none to parse it; the pipe at
 // least 0.85 of the bare connection's throughput.
@@ -79,6 +82,8 @@ struct Options {
   int frames = 100000;
   int ops = 2000000;
   std::string only;
+  // "ours" or "bare": run only that side of the pipe rounds (for profiling).
+  std::string impl;
 };
 
 double Median(std::vector<double> v) {
@@ -353,8 +358,8 @@ double BarePipe(const Options& o) {
 void PipeBench(const Options& o) {
   std::vector<double> ours, bare;
   for (int i = 0; i < o.rounds; ++i) {
-    ours.push_back(OursPipe(o));
-    bare.push_back(BarePipe(o));
+    if (o.impl != "bare") ours.push_back(OursPipe(o));
+    if (o.impl != "ours") bare.push_back(BarePipe(o));
   }
   std::printf("pipe 4 KiB frames  RpcConnection %7.0f MiB/s  net Connection %7.0f MiB/s  "
               "ratio %.2f (target >= 0.85)\n",
@@ -428,9 +433,10 @@ int main(int argc, char** argv) {
     else if (flag == "--frames") o.frames = std::atoi(argv[i + 1]);
     else if (flag == "--ops") o.ops = std::atoi(argv[i + 1]);
     else if (flag == "--only") o.only = argv[i + 1];
+    else if (flag == "--impl") o.impl = argv[i + 1];
     else {
       std::fprintf(stderr, "usage: rpc_bench [--rounds N] [--frames N] [--ops N] "
-                           "[--only frame|pipe|scheduler]\n");
+                           "[--only frame|pipe|scheduler] [--impl ours|bare]\n");
       return 2;
     }
   }

@@ -36,8 +36,9 @@ CounterSet MakeChannelMetrics(const metrics::MetricKeyPtr& root, const std::stri
                     metrics::InstanceName({{"service", service}, {"priority", ToString(priority)}}),
                     {"open", "open/local", "open/remote", "close", "close/local", "close/remote",
                      "close/network", "close/protocol", "close/keepalive",
-                     "close/ack_stream_timeout", "close/error", "rx/messages", "tx/messages"},
-                    {"rx/bytes", "tx/bytes"});
+                     "close/ack_stream_timeout", "close/error", "rx/messages", "tx/messages",
+                     "queue/ops"},
+                    {"rx/bytes", "tx/bytes"}, {"queue/latency"});
 }
 
 }  // namespace
@@ -136,6 +137,7 @@ void ChannelImpl::AppendOp(std::function<void()> op) {
     MutexLock lock(queueMutex_);
     queue_.push_back(Op{std::move(op), Clock::now()});
   }
+  metrics_.Mark(kChannelQueueOps);
   MutexLock lock(mutex_);
   if (schedulePending_) return;
   schedulePending_ = true;
@@ -152,6 +154,10 @@ void ChannelImpl::ProcessOpQueue(std::size_t limit) {
       op = std::move(queue_.front());
       queue_.pop_front();
     }
+    metrics_.Record(kChannelQueueLatency,
+                    static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                              Clock::now() - op.queued)
+                                              .count()));
     try {
       op.fn();
     } catch (...) {

@@ -54,9 +54,12 @@ class ChannelScheduler;
 enum ChannelEvent {
   kChannelOpen, kChannelOpenLocal, kChannelOpenRemote, kChannelClose, kChannelCloseLocal,
   kChannelCloseRemote, kChannelCloseNetwork, kChannelCloseProtocol, kChannelCloseKeepalive,
-  kChannelCloseAckTimeout, kChannelCloseError, kChannelRxMessages, kChannelTxMessages
+  kChannelCloseAckTimeout, kChannelCloseError, kChannelRxMessages, kChannelTxMessages,
+  kChannelQueueOps
 };
 enum ChannelAmount { kChannelRxBytes, kChannelTxBytes };
+// Latencies of ChannelMetrics: an op's time in the op queue.
+enum ChannelLatency { kChannelQueueLatency };
 
 class ChannelImpl : public Channel,
                     public CallHost,

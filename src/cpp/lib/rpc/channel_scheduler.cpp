@@ -118,10 +118,16 @@ void ChannelScheduler::Run() {
     channel->ProcessOpQueue(batch);
     channel->TurnEnded();
   }
-  // Work is left: the next run is posted, so that other work of the
-  // dispatcher gets its turn.
+  // If work is left the next run is posted, so that other work of the
+  // dispatcher gets its turn; otherwise the next Schedule posts one.
+  bool more = false;
+  {
+    MutexLock lock(mutex_);
+    for (const Queue& q : queues_) more = more || !q.entries.empty();
+    if (!more) running_ = false;
+  }
   ZEL_RPC_LOG(kLogVerbose).format("%s Run end", name_.c_str());
-  ScheduleRun();
+  if (more) ScheduleRun();
 }
 
 AsioChannelScheduler::AsioChannelScheduler(boost::shared_ptr<Dispatcher> dispatcher,

@@ -126,9 +126,15 @@ using State = RpcCall::State;
 class RpcCallNotStarted : public State {
  public:
   RpcCallNotStarted() : State(NOT_STARTED, "NOT_STARTED", false) {}
-  void Start(RpcCall& c) const override { c.nextState_ = ACTIVE; }
+  void Start(RpcCall& c) const override {
+    c.consumer_ = std::move(c.startingConsumer_);
+    c.clientContext_ = std::move(c.startingContext_);
+    c.activeAt_ = Clock::now();
+    c.nextState_ = ACTIVE;
+  }
   void Accept(RpcCall& c, const ZelRpcMessage& m) const override {
     const bool unpacked = !m.frame.has_header() || UnpackContext(m.frame.header(), &c.serverContext_);
+    if (unpacked) c.activeAt_ = Clock::now();
     c.nextState_ = unpacked ? ACTIVE : LOCAL_ERROR;
   }
 };
@@ -444,6 +450,7 @@ class RpcCallError : public RpcCallBaseError {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc103)
         .format("%s Got into error state before it could Start", c.ToString().c_str());
+    c.consumer_ = std::move(c.startingConsumer_);
     c.DeliverCallStatus_();
     c.consumer_.reset();
   }
@@ -574,16 +581,18 @@ void RpcCall::Start(const ClientContext& context, std::shared_ptr<MessageConsume
   metrics_->Mark(kCallStarted);
   boost::shared_ptr<CallHost> host = host_.lock();
   if (!host) {
-    // No channel left to run on: the call fails as on a channel that went down.
-    consumer_ = std::move(consumer);
+    // No channel left to run on: the call fails as on a channel that went
+    // down, and a call not yet started tells this observer so.
+    if (!consumer_) consumer_ = std::move(consumer);
     HandleChannelDown();
     return;
   }
   RefPtr<RpcCall> self(this);
   host->PostForCall([self, context, consumer = std::move(consumer)]() mutable {
-    self->consumer_ = std::move(consumer);
-    self->clientContext_ = std::move(context);
+    self->startingConsumer_ = std::move(consumer);
+    self->startingContext_ = std::move(context);
     self->DoStart_();
+    self->startingConsumer_.reset();
   });
 }
 
@@ -660,6 +669,7 @@ void RpcCall::Receive(const ZelRpcMessage& message) {
   const std::string name = ToString();
   if (cancelPending_) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Cancel Pending, drop received message", name.c_str());
+    metrics_->Mark(kCallDropped);
     return;
   }
   const auto& rpc = message.frame.rpc_msg();
@@ -791,6 +801,12 @@ void RpcCall::StoreFinal_() {
                                       std::chrono::duration_cast<std::chrono::microseconds>(lifetime).count()));
   metrics_->Record(kCallUserTime, static_cast<uint64_t>(
                                       std::chrono::duration_cast<std::chrono::microseconds>(userTime_).count()));
+  if (activeAt_) {
+    metrics_->Record(kCallDuration,
+                     static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                               Clock::now() - *activeAt_)
+                                               .count()));
+  }
   MutexLock lock(mutex_);
   finalStatus_ = EffectiveStatus();
 }

@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <boost/smart_ptr/weak_ptr.hpp>
@@ -203,9 +204,15 @@ class RpcCall : public RefCounted<RpcCall, Call> {
   ClientContext clientContext_;
   ServerContext serverContext_;
   std::shared_ptr<MessageConsumer> consumer_;
+  // What a Start brought, taken only by a call that has not started: a
+  // second Start must not replace the first one's observer.
+  ClientContext startingContext_;
+  std::shared_ptr<MessageConsumer> startingConsumer_;
   std::function<void(const RpcStatus&)> doneCallback_;
 
   std::chrono::steady_clock::time_point startedAt_;
+  // When the call went active; its duration runs from there to its end.
+  std::optional<std::chrono::steady_clock::time_point> activeAt_;
   std::chrono::steady_clock::duration userTime_{};
 
   bool firstMessageSent_ = false;

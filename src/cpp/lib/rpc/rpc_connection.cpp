@@ -59,8 +59,6 @@ long SecondsSince(Clock::time_point t, Clock::time_point now) {
   return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(now - t).count());
 }
 
-std::string Key(const StreamId& id) { return std::string(id.begin(), id.end()); }
-
 std::string Printed(const google::protobuf::Message& m, bool parsed) {
   return parsed ? m.ShortDebugString() : "<UNABLE-TO-DESERIALIZE>";
 }
@@ -97,16 +95,29 @@ std::string ConnectionOptions::ToString() const {
 // ---------------------------------------------------------------------------
 // WeightedQueueSet
 
-WeightedQueueSet::WeightedQueueSet()
-    : entries_{{kStreamPrioritySputnik, 10, 0, {}},
-               {kStreamPriorityHigh, 5, 0, {}},
-               {kStreamPriorityNormal, 2, 0, {}},
-               {kStreamPriorityLow, 1, 0, {}}} {}
+namespace {
+
+CounterSet MakeQueueMetrics(const metrics::MetricKeyPtr& root, const std::string& endpoint,
+                            uint32_t priority) {
+  if (!root) return CounterSet();
+  return CounterSet(root->subkey("rpc/connection"),
+                    metrics::InstanceName({{"ep", endpoint}, {"priority", StreamPriorityName(priority)}}),
+                    {"queue/frames"}, {}, {"queue/latency"});
+}
+
+}  // namespace
+
+WeightedQueueSet::WeightedQueueSet(const metrics::MetricKeyPtr& root, const std::string& endpoint)
+    : entries_{{kStreamPrioritySputnik, 10, 0, {}, MakeQueueMetrics(root, endpoint, kStreamPrioritySputnik)},
+               {kStreamPriorityHigh, 5, 0, {}, MakeQueueMetrics(root, endpoint, kStreamPriorityHigh)},
+               {kStreamPriorityNormal, 2, 0, {}, MakeQueueMetrics(root, endpoint, kStreamPriorityNormal)},
+               {kStreamPriorityLow, 1, 0, {}, MakeQueueMetrics(root, endpoint, kStreamPriorityLow)}} {}
 
 bool WeightedQueueSet::Push(uint32_t priority, RpcFramePtr frame) {
   for (Entry& e : entries_) {
     if (e.priority == priority) {
-      e.frames.push_back(std::move(frame));
+      e.frames.push_back(Queued{std::move(frame), Clock::now()});
+      e.metrics.Mark(0);
       return true;
     }
   }
@@ -129,7 +140,11 @@ bool WeightedQueueSet::Next_(RpcFramePtr* out, bool* allHadQuota) {
       continue;
     }
     if (e.frames.empty()) continue;
-    *out = std::move(e.frames.front());
+    Queued& front = e.frames.front();
+    e.metrics.Record(0, static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                                  Clock::now() - front.since)
+                                                  .count()));
+    *out = std::move(front.frame);
     e.frames.pop_front();
     ++e.served;
     next_ = (i + 1) % 4;
@@ -174,6 +189,8 @@ RpcConnection::RpcConnection(PrivateTag, Params params)
   metrics_.Mark(kOpen);
   metrics_.Mark(direction_ == 0 ? kOpenLocal : kOpenRemote);
   MutexLock lock(mutex_);
+  txQueues_ = WeightedQueueSet(params.metrics_root,
+                               direction_ == 0 ? info.endpoint : info.local_endpoint);
   localEndpoint_ = info.local_endpoint;
   remoteEndpoint_ = direction_ == 0 ? info.endpoint : info.peer_endpoint;
   lastCheckTime_ = lastRequestTime_ = lastResponseTime_ = lastMessageTime_ = kNever;
@@ -335,13 +352,7 @@ void RpcConnection::SendSettings_() {
   }
   ZEL_RPC_LOG(kLogVerbose).format("%s Sending connection settings %s", Name_().c_str(),
                                   s->ShortDebugString().c_str());
-  RpcFramePtr frame = ZelRpcMessage::Serialize(settings);
-  if (frame) {
-    metrics_.Mark(kTxMessages);
-    metrics_.Mark(kTxControl);
-    metrics_.Add(kTxBytes, frame->size());
-    Enqueue_(frame, kStreamPrioritySputnik);
-  }
+  SendLocked_(settings, kStreamPrioritySputnik);
 }
 
 bool RpcConnection::ReadStart_() {
@@ -426,20 +437,19 @@ void RpcConnection::OnRead_(const error_code& ec, std::size_t bytes) {
   ReadOutcome out;
   {
     MutexLock lock(mutex_);
-    const std::string name = Name_();
     ZEL_RPC_LOG(kLogVerbose).format("%s ReadCallback(status: %i-%s, bytes_read: %zu)",
-                                    name.c_str(), ec.value(), ec.message().c_str(), bytes);
+                                    Name_().c_str(), ec.value(), ec.message().c_str(), bytes);
     if (ec) {
       ZEL_RPC_LOG(ec == boost::asio::error::eof ? kLogVerbose : kLogWarn)
-          .format("%s ReadCallback - closing connection (error: %i-%s)", name.c_str(), ec.value(),
+          .format("%s ReadCallback - closing connection (error: %i-%s)", Name_().c_str(), ec.value(),
                   ec.message().c_str());
       out.close = CloseReason::NETWORK_ERROR;
     } else if (state_ != State::NEGOTIATING && state_ != State::CONNECTED) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Ignoring ReadCallback in non-connected state",
-                                      name.c_str());
+                                      Name_().c_str());
       return;
     } else if (readStage_ == 0) {
-      ZEL_RPC_LOG(kLogDebug).format("%s Read %s", name.c_str(),
+      ZEL_RPC_LOG(kLogDebug).format("%s Read %s", Name_().c_str(),
                                     rpc::ToString(rxFrame_->header()).c_str());
       readStage_ = 1;
       rxFrame_->AllocateBody();
@@ -470,12 +480,10 @@ void RpcConnection::OnRead_(const error_code& ec, std::size_t bytes) {
 }
 
 void RpcConnection::OnFrame_(ReadOutcome& out) {
-  const std::string name = Name_();
   RpcFramePtr frame = std::move(rxFrame_);
   metrics_.Add(kRxBytes, frame->size());
   metrics_.Mark(kRxMessages);
   readState_ = kReadIdle;
-  const std::string header = rpc::ToString(frame->header());
 
   if (frame->too_big()) {
     ZelRpcMessage partial;
@@ -485,38 +493,38 @@ void RpcConnection::OnFrame_(ReadOutcome& out) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc8)
         .format("%s Closing connection - payload is too big\n%s\nstream_control: %s\nframe: %s",
-                name.c_str(), header.c_str(), Printed(partial.stream_control, control).c_str(),
+                Name_().c_str(), rpc::ToString(frame->header()).c_str(), Printed(partial.stream_control, control).c_str(),
                 Printed(partial.frame, parsed).c_str());
     out.close = CloseReason::PROTOCOL_ERROR;
     return;
   }
-  ZEL_RPC_LOG(kLogDebug).format("%s Read ZelRpcMessage with %s", name.c_str(), header.c_str());
+  ZEL_RPC_LOG(kLogDebug).format("%s Read ZelRpcMessage with %s", Name_().c_str(), rpc::ToString(frame->header()).c_str());
   if (transport_.expired()) {
     ZEL_RPC_LOG(kLogVerbose).format(
-        "%s Dropping ZelRpcMessage with %s received after transport was shut down", name.c_str(),
-        header.c_str());
+        "%s Dropping ZelRpcMessage with %s received after transport was shut down", Name_().c_str(),
+        rpc::ToString(frame->header()).c_str());
     return;
   }
   if (keepaliveEnabled_) lastMessageTime_ = Clock::now();
 
   const StreamId streamId = frame->stream_id();
   if (!IsZero(streamId)) {
-    auto it = forwarders_.find(Key(streamId));
+    auto it = forwarders_.find(streamId);
     if (it != forwarders_.end()) {
       StreamControlMsg control;
       if (!ZelRpcMessage::ParseStreamControl(frame, &control)) {
         ZEL_RPC_LOG(kLogError)
             .addTag(kTagRpc400)
-            .format("%s Failed to parse StreamControlMsg from message with %s", name.c_str(),
-                    header.c_str());
+            .format("%s Failed to parse StreamControlMsg from message with %s", Name_().c_str(),
+                    rpc::ToString(frame->header()).c_str());
         out.close = CloseReason::PROTOCOL_ERROR;
         return;
       }
       const bool last = control.close_stream();
       if (last) {
-        ZEL_RPC_LOG(kLogVerbose).format("%s Received stream close for %s", name.c_str(),
+        ZEL_RPC_LOG(kLogVerbose).format("%s Received stream close for %s", Name_().c_str(),
                                         StreamIdText(streamId).c_str());
-        ZEL_RPC_LOG(kLogVerbose).format("%s Closing RpcStreamForwarder[%s]", name.c_str(),
+        ZEL_RPC_LOG(kLogVerbose).format("%s Closing RpcStreamForwarder[%s]", Name_().c_str(),
                                         StreamIdText(streamId).c_str());
       }
       // The next read is under way before this frame is passed on.
@@ -532,7 +540,7 @@ void RpcConnection::OnFrame_(ReadOutcome& out) {
   if (!ZelRpcMessage::Parse(frame, &message)) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc5)
-        .format("%s Failed to decode ZelRpcMessage with %s", name.c_str(), header.c_str());
+        .format("%s Failed to decode ZelRpcMessage with %s", Name_().c_str(), rpc::ToString(frame->header()).c_str());
     out.close = CloseReason::PROTOCOL_ERROR;
     return;
   }
@@ -634,15 +642,7 @@ bool RpcConnection::HandleKeepaliveRequest_(const ZelRpcMessage& message, std::s
   auto* r = response.frame.mutable_keep_alive_response();
   r->set_request_id(request.request_id());
   r->set_timestamp(request.has_timestamp() ? request.timestamp() : 0);
-  RpcFramePtr frame = ZelRpcMessage::Serialize(response);
-  if (frame) {
-    metrics_.Mark(kTxMessages);
-    metrics_.Mark(kTxControl);
-    metrics_.Mark(kTxKeepalive);
-    metrics_.Mark(kTxKeepaliveRsp);
-    metrics_.Add(kTxBytes, frame->size());
-    Enqueue_(frame, kStreamPrioritySputnik);
-  }
+  SendLocked_(response, kStreamPrioritySputnik);
   return true;
 }
 
@@ -705,15 +705,7 @@ void RpcConnection::KeepaliveSendRequest_(Clock::time_point now) {
   auto* r = request.frame.mutable_keep_alive_request();
   r->set_request_id(lastRequestId_);
   r->set_timestamp(Ticks(now));
-  RpcFramePtr frame = ZelRpcMessage::Serialize(request);
-  if (frame) {
-    metrics_.Mark(kTxMessages);
-    metrics_.Mark(kTxControl);
-    metrics_.Mark(kTxKeepalive);
-    metrics_.Mark(kTxKeepaliveReq);
-    metrics_.Add(kTxBytes, frame->size());
-    Enqueue_(frame, kStreamPrioritySputnik);
-  }
+  SendLocked_(request, kStreamPrioritySputnik);
 }
 
 void RpcConnection::OnKeepaliveTimer_() {
@@ -803,31 +795,32 @@ void RpcConnection::OnKeepaliveTimer_() {
 void RpcConnection::StreamFrame_(const ZelRpcMessage& message) {
   const auto& control = message.stream_control;
   boost::shared_ptr<ChannelImpl> channel;
-  std::string name;
   {
     MutexLock lock(mutex_);
-    name = Name_();
     metrics_.Mark(message.PayloadSize() > 0 ? kRxPayload : kRxControl);
-    auto it = channels_.find(Key(message.stream_id));
+    auto it = channels_.find(message.stream_id);
     if (it != channels_.end()) channel = it->second;
   }
-  const std::string stream = StreamIdText(message.stream_id);
+  // Names are made only for lines that are written: this is the road of
+  // every frame of an open stream.
   if (channel) {
-    ZEL_RPC_LOG(kLogDebug).format("%s Received frame on an existing channel %s", name.c_str(),
+    ZEL_RPC_LOG(kLogDebug).format("%s Received frame on an existing channel %s", ToString().c_str(),
                                   channel->ToString().c_str());
     if (control.close_stream()) {
-      ZEL_RPC_LOG(kLogVerbose).format("%s Received stream close %s", name.c_str(), stream.c_str());
+      ZEL_RPC_LOG(kLogVerbose).format("%s Received stream close %s", ToString().c_str(), StreamIdText(message.stream_id).c_str());
       channel->Close(false, CloseReason::CLOSED_BY_REMOTE);
     } else if (control.has_ack_stream() && control.ack_stream()) {
-      ZEL_RPC_LOG(kLogVerbose).format("%s Received ack stream", name.c_str());
+      ZEL_RPC_LOG(kLogVerbose).format("%s Received ack stream", ToString().c_str());
       channel->ReceiveAckStream();
     } else if (control.has_ack_stream()) {
-      ZEL_RPC_LOG(kLogError).addTag(kTagRpc54).format("%s Failed to open a channel", name.c_str());
+      ZEL_RPC_LOG(kLogError).addTag(kTagRpc54).format("%s Failed to open a channel", ToString().c_str());
     } else {
       channel->Receive(message);
     }
     return;
   }
+  const std::string name = ToString();
+  const std::string stream = StreamIdText(message.stream_id);
   const uint32_t priority = NormalizeStreamPriority(control);
   if (control.has_ack_stream() && control.ack_stream()) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Received ack for unknown stream %s - replying with close",
@@ -924,12 +917,15 @@ void RpcConnection::ReplyClose_(const ZelRpcMessage& cause, uint32_t priority,
 
 RpcStatus RpcConnection::Send(ZelRpcMessage& message, uint32_t priority) {
   MutexLock lock(mutex_);
-  const std::string name = Name_();
-  ZEL_RPC_LOG(kLogVerbose).format("%s Send(rpc_msg)", name.c_str());
+  return SendLocked_(message, priority);
+}
+
+RpcStatus RpcConnection::SendLocked_(const ZelRpcMessage& message, uint32_t priority) {
+  ZEL_RPC_LOG(kLogVerbose).format("%s Send(rpc_msg)", Name_().c_str());
   if (state_ != State::NEGOTIATING && state_ != State::CONNECTED) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc6)
-        .format("%s Can't send a message in non-connected state", name.c_str());
+        .format("%s Can't send a message in non-connected state", Name_().c_str());
     return RpcStatus(COMMUNICATION_ERROR);
   }
   RpcFramePtr frame = ZelRpcMessage::Serialize(message);
@@ -937,7 +933,7 @@ RpcStatus RpcConnection::Send(ZelRpcMessage& message, uint32_t priority) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc20)
         .format("%s Failed to serialize rpc message\nstream_id: %s\nstream_control: %s\nframe: %s",
-                name.c_str(), StreamIdText(message.stream_id).c_str(),
+                Name_().c_str(), StreamIdText(message.stream_id).c_str(),
                 message.stream_control.ShortDebugString().c_str(),
                 message.frame.ShortDebugString().c_str());
     return RpcStatus(INTERNAL);
@@ -991,12 +987,11 @@ void RpcConnection::Write_(const RpcFramePtr& frame) {
 void RpcConnection::OnWritten_(const error_code& ec, std::size_t bytes) {
   {
     MutexLock lock(mutex_);
-    const std::string name = Name_();
     ZEL_RPC_LOG(kLogVerbose).format("%s WriteCallback(status: %i-%s, bytes_written: %zu)",
-                                    name.c_str(), ec.value(), ec.message().c_str(), bytes);
+                                    Name_().c_str(), ec.value(), ec.message().c_str(), bytes);
     writeFrame_.reset();
     if (state_ == State::CLOSED) {
-      ZEL_RPC_LOG(kLogVerbose).format("%s Ignoring WriteCallback in closed state", name.c_str());
+      ZEL_RPC_LOG(kLogVerbose).format("%s Ignoring WriteCallback in closed state", Name_().c_str());
       return;
     }
     if (!ec) {
@@ -1008,7 +1003,7 @@ void RpcConnection::OnWritten_(const error_code& ec, std::size_t bytes) {
       return;
     }
     ZEL_RPC_LOG(ec == boost::asio::error::eof ? kLogVerbose : kLogWarn)
-        .format("%s WriteCallback - closing connection (error: %i-%s)", name.c_str(), ec.value(),
+        .format("%s WriteCallback - closing connection (error: %i-%s)", Name_().c_str(), ec.value(),
                 ec.message().c_str());
   }
   Close(CloseReason::NETWORK_ERROR);
@@ -1023,7 +1018,7 @@ void RpcConnection::RegisterChannel(const boost::shared_ptr<ChannelImpl>& channe
     if (state_ != State::CLOSED) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Register Channel %s", Name_().c_str(),
                                       channel->ToString().c_str());
-      channels_[Key(channel->GetStreamId())] = channel;
+      channels_[channel->GetStreamId()] = channel;
       ChannelTaken();
       return;
     }
@@ -1038,26 +1033,28 @@ void RpcConnection::UnregisterChannel(const ChannelImpl& channel) {
     MutexLock lock(mutex_);
     ZEL_RPC_LOG(kLogVerbose).format("%s Unregister Channel %s", Name_().c_str(),
                                     channel.ToString().c_str());
-    auto it = channels_.find(Key(channel.GetStreamId()));
+    auto it = channels_.find(channel.GetStreamId());
     if (it != channels_.end() && it->second.get() == &channel) {
       removed = std::move(it->second);
       channels_.erase(it);
     }
   }
-  ChannelReleased();
+  // Only a registered channel was counted: one closed before it opened, or
+  // after the connection closed, leaves the count as it is.
+  if (removed) ChannelReleased();
 }
 
 void RpcConnection::AddStreamForwarder(const StreamId& id,
                                        const std::shared_ptr<StreamForwarder>& forwarder) {
   MutexLock lock(mutex_);
-  forwarders_[Key(id)] = forwarder;
+  forwarders_[id] = forwarder;
 }
 
 void RpcConnection::ReleaseStreamForwarder(const StreamId& id, std::optional<CloseReason> reason) {
   std::shared_ptr<StreamForwarder> forwarder;
   {
     MutexLock lock(mutex_);
-    auto it = forwarders_.find(Key(id));
+    auto it = forwarders_.find(id);
     if (it == forwarders_.end()) return;
     forwarder = std::move(it->second);
     forwarders_.erase(it);
@@ -1088,6 +1085,11 @@ bool RpcConnection::SetOnClose(CloseHandler handler) {
   return true;
 }
 
+bool RpcConnection::deferred_close_armed() const {
+  MutexLock lock(mutex_);
+  return deferredCloseTimer_ != nullptr;
+}
+
 void RpcConnection::ScheduleDeferredClose() {
   MutexLock lock(mutex_);
   if (state_ == State::CLOSED) {
@@ -1107,8 +1109,8 @@ void RpcConnection::OnDeferredClose_() {
 }
 
 void RpcConnection::Close(CloseReason reason) {
-  std::unordered_map<std::string, boost::shared_ptr<ChannelImpl>> channels;
-  std::unordered_map<std::string, std::shared_ptr<StreamForwarder>> forwarders;
+  std::unordered_map<StreamId, boost::shared_ptr<ChannelImpl>, StreamIdHash> channels;
+  std::unordered_map<StreamId, std::shared_ptr<StreamForwarder>, StreamIdHash> forwarders;
   CloseHandler handler;
   std::string name;
   TimerPtr negotiation, keepalive, deferred;

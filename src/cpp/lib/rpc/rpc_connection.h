@@ -130,18 +130,26 @@ class TransportInterface {
 // begins with 127. With all four full, a cycle sends 18 frames.
 class WeightedQueueSet {
  public:
-  WeightedQueueSet();
+  // With `metricsRoot`, each queue counts the frames it takes and their time
+  // in the queue, tagged with `endpoint` and the priority's name.
+  explicit WeightedQueueSet(const metrics::MetricKeyPtr& metricsRoot = nullptr,
+                            const std::string& endpoint = std::string());
   // False for a priority that is none of the four.
   bool Push(uint32_t priority, RpcFramePtr frame);
   bool Pop(RpcFramePtr* out);
   std::size_t size() const;
 
  private:
+  struct Queued {
+    RpcFramePtr frame;
+    std::chrono::steady_clock::time_point since;
+  };
   struct Entry {
     uint32_t priority;
     int weight;
     int served = 0;
-    std::deque<RpcFramePtr> frames;
+    std::deque<Queued> frames;
+    CounterSet metrics;
   };
   bool Next_(RpcFramePtr* out, bool* allHadQuota);
   Entry entries_[4];
@@ -204,6 +212,8 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   // Frames handed to channels and not yet taken.
   uint64_t rx_queued() const { return rxQueued_.load(); }
   bool reading_suspended() const { return readState_.load() == kReadSuspended; }
+  // The close that follows the last channel's release is on its way.
+  bool deferred_close_armed() const;
   std::vector<std::string> remote_endpoint_ids() const;
   std::vector<std::string> remote_services() const;
 
@@ -229,6 +239,9 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   };
 
   void SetState_(State state, const char* function) REQUIRES(mutex_);
+  // Send(message, priority) with the lock held: settings and keepalive
+  // messages go this way too.
+  RpcStatus SendLocked_(const ZelRpcMessage& message, uint32_t priority) REQUIRES(mutex_);
   void StartNegotiation_() REQUIRES(mutex_);
   void SendSettings_() REQUIRES(mutex_);
   bool ReadStart_() REQUIRES(mutex_);
@@ -290,8 +303,8 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   std::vector<std::string> remoteEndpointIds_ GUARDED_BY(mutex_);
   std::vector<std::string> remoteServices_ GUARDED_BY(mutex_);
   bool settingsReceived_ GUARDED_BY(mutex_) = false;
-  std::unordered_map<std::string, boost::shared_ptr<ChannelImpl>> channels_ GUARDED_BY(mutex_);
-  std::unordered_map<std::string, std::shared_ptr<StreamForwarder>> forwarders_ GUARDED_BY(mutex_);
+  std::unordered_map<StreamId, boost::shared_ptr<ChannelImpl>, StreamIdHash> channels_ GUARDED_BY(mutex_);
+  std::unordered_map<StreamId, std::shared_ptr<StreamForwarder>, StreamIdHash> forwarders_ GUARDED_BY(mutex_);
   ConnectHandler connectHandler_ GUARDED_BY(mutex_);
   CloseHandler closeHandler_ GUARDED_BY(mutex_);
   TimerPtr negotiationTimer_ GUARDED_BY(mutex_);

@@ -31,6 +31,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -46,6 +47,17 @@ constexpr std::size_t kMaxFrameSize = 65535;
 constexpr std::size_t kMaxPayloadSize = 67108864;
 
 using StreamId = std::array<uint8_t, 16>;
+
+// Hash of a stream id for tables keyed by it; ids are random, so folding
+// the two halves is enough.
+struct StreamIdHash {
+  std::size_t operator()(const StreamId& id) const {
+    uint64_t a, b;
+    std::memcpy(&a, id.data(), 8);
+    std::memcpy(&b, id.data() + 8, 8);
+    return static_cast<std::size_t>(a ^ (b * 0x9E3779B97F4A7C15ull));
+  }
+};
 
 // The usual 8-4-4-4-12 lower-case text of a stream id.
 std::string StreamIdText(const StreamId& id);

@@ -82,7 +82,9 @@ ZelRpcMessage Incoming(uint64_t id, const char* payload, std::optional<RpcStatus
   ZelRpcMessage m;
   m.SetCallId(id);
   if (payload) m.SetPayload(MakeRefCounted<SharedBuffer>(payload, std::strlen(payload)));
-  if (status) EXPECT_TRUE(ToWire(*status, m.frame.mutable_rpc_msg()->mutable_status()));
+  if (status) {
+    EXPECT_TRUE(ToWire(*status, m.frame.mutable_rpc_msg()->mutable_status()));
+  }
   return m;
 }
 
@@ -226,7 +228,9 @@ TEST(RpcCallTest, StateTable) {
     } else {
       EXPECT_EQ(log.Count("errorCode="), 0u) << log.Find("errorCode=");
     }
-    if (r.told != -3) EXPECT_EQ(rig.LastSentStatus(), r.told);
+    if (r.told != -3) {
+      EXPECT_EQ(rig.LastSentStatus(), r.told);
+    }
   }
 }
 
@@ -253,6 +257,25 @@ TEST(RpcCallTest, UnaryRoundTripAndWhatTheConsumersSee) {
             (std::vector<std::string>{"Prepare", "Next:out", "CallStatus:SUCCESS"}));
   EXPECT_EQ(client.host->released, std::vector<uint64_t>{7});
   EXPECT_EQ(server.host->released, std::vector<uint64_t>{7});
+}
+
+// Whoever starts a call hears how it ended exactly once: a second Start
+// fails the call without taking the first observer's place, and a call whose
+// channel went down before it started tells the observer it is started with.
+TEST(RpcCallTest, TheObserverOfTheFirstStartHearsTheEnd) {
+  CallRig twice(C, 8);
+  twice.Apply(START);
+  auto second = std::make_shared<Recorder>();
+  twice.call->Start(ClientContext(), second);
+  twice.host->Run();
+  EXPECT_STREQ(twice.call->StateName(), "ERROR");
+  EXPECT_EQ(twice.consumer->events, (std::vector<std::string>{"Prepare", "CallStatus:INTERNAL"}));
+  EXPECT_TRUE(second->events.empty());
+
+  CallRig late(C, 8);
+  late.Apply(CHANNEL_DOWN);
+  late.Apply(START);
+  EXPECT_EQ(late.consumer->events, std::vector<std::string>{"CallStatus:COMMUNICATION_ERROR"});
 }
 
 TEST(RpcCallTest, EdgesOfReporting) {

@@ -160,6 +160,26 @@ TEST_F(RpcConnectionTest, NegotiatesAndCarriesCalls) {
   EXPECT_EQ(rig_.Call(channel, kEcho, "late")->WaitStatus().code(), COMMUNICATION_ERROR);
 }
 
+// The last channel out arms the connection's deferred close; a channel
+// closed before it ever opened was never counted and changes nothing.
+TEST_F(RpcConnectionTest, LastChannelOutArmsTheDeferredClose) {
+  auto accepted = rig_.Listen();
+  auto client = rig_.Connect();
+  ASSERT_TRUE(client);
+  auto unopened = rig_.channels->CreateClientChannel("unix://" + rig_.path, "orvane.zel.Test", client,
+                                                     ChannelPriority::NORMAL);
+  unopened->Close(CloseReason::CLOSED_BY_USER);
+  ASSERT_TRUE(zel::testing::WaitUntil([&] { return unopened->closed(); }));
+  auto first = rig_.OpenChannel(client, "orvane.zel.Test");
+  auto second = rig_.OpenChannel(client, "orvane.zel.Test");
+  first->Close(CloseReason::CLOSED_BY_USER);
+  ASSERT_TRUE(zel::testing::WaitUntil([&] { return first->closed(); }));
+  EXPECT_FALSE(client->deferred_close_armed());
+  second->Close(CloseReason::CLOSED_BY_USER);
+  EXPECT_TRUE(zel::testing::WaitUntil([&] { return client->deferred_close_armed(); }));
+  EXPECT_EQ(client->state(), State::CONNECTED);
+}
+
 TEST_F(RpcConnectionTest, StreamsThePeerDidNotOpen) {
   auto accepted = rig_.Listen();
   RawPeer peer(rig_);
@@ -370,7 +390,9 @@ TEST_F(RpcConnectionTest, AFailedReadOrWriteClosesOnce) {
       ASSERT_TRUE(zel::testing::WaitUntil([&] { return connects.load() == 1; }));
       error_code opened;
       auto channel = rig_.OpenChannel(client, "orvane.zel.Test", ChannelPriority::NORMAL, &opened);
-      if (!opened) EXPECT_EQ(rig_.Call(channel, kEcho, "x")->WaitStatus().code(), COMMUNICATION_ERROR);
+      if (!opened) {
+        EXPECT_EQ(rig_.Call(channel, kEcho, "x")->WaitStatus().code(), COMMUNICATION_ERROR);
+      }
     }
     EXPECT_TRUE(WaitState(client, State::CLOSED));
     EXPECT_TRUE(WaitState(server, State::CLOSED));

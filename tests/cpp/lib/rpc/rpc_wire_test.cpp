@@ -136,7 +136,9 @@ TEST(RpcWireTest, FramesMatchAnIndependentPeerBothWays) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(payload.data), payload.size),
               ours.payload ? "hello" : "");
     // The received payload is a view into the frame: nothing was copied.
-    if (payload.size > 0) EXPECT_EQ(payload.data, read->data() + bytes.size() - payload.size);
+    if (payload.size > 0) {
+      EXPECT_EQ(payload.data, read->data() + bytes.size() - payload.size);
+    }
   }
   EXPECT_EQ(seen, static_cast<int>(samples.size()));
 }
@@ -217,8 +219,12 @@ TEST(RpcWireTest, CloseReasonShedding) {
     ZelRpcMessage m = Control(ServiceFor(r.rest), r.reason);
     RpcFramePtr f = ZelRpcMessage::Serialize(m);
     EXPECT_EQ(f ? static_cast<int>(f->header().stream_control_size) : -1, r.sent);
-    if (r.line) EXPECT_EQ(log.Count(r.line), 1u);
-    if (r.sent < 0) EXPECT_EQ(log.Count("Stream control size is over maximum (256/255)"), 1u);
+    if (r.line) {
+      EXPECT_EQ(log.Count(r.line), 1u);
+    }
+    if (r.sent < 0) {
+      EXPECT_EQ(log.Count("Stream control size is over maximum (256/255)"), 1u);
+    }
   }
 }
 
