@@ -378,26 +378,31 @@ TEST_F(RpcConnectionTest, AFailedReadOrWriteClosesOnce) {
     SCOPED_TRACE(std::string(r.read ? "read " : "write ") + std::to_string(r.n));
     net::ConnectionPtr inner = rig_.net->NewConnection(net::Endpoint("unix://" + rig_.path), {}).value();
     auto client = rig_.Make(std::make_shared<FaultyConnection>(inner, rig_.dispatcher, r.read, r.n), 0, {});
-    std::atomic<int> closes{0}, connects{0};
-    ASSERT_TRUE(client->SetOnClose([&](CloseReason) { ++closes; }));
-    client->AsyncConnect([&](const error_code& ec) {
+    // Counted where a late handler of an earlier row can't reach.
+    auto closes = std::make_shared<std::atomic<int>>(0);
+    auto connects = std::make_shared<std::atomic<int>>(0);
+    ASSERT_TRUE(client->SetOnClose([closes](CloseReason) { ++*closes; }));
+    client->AsyncConnect([connects](const error_code& ec) {
       EXPECT_FALSE(ec);
-      ++connects;
+      ++*connects;
     });
     auto server = accepted->Next();
     ASSERT_TRUE(server);
     if (r.connects) {
-      ASSERT_TRUE(zel::testing::WaitUntil([&] { return connects.load() == 1; }));
+      ASSERT_TRUE(zel::testing::WaitUntil([&] { return connects->load() == 1; }));
       error_code opened;
       auto channel = rig_.OpenChannel(client, "orvane.zel.Test", ChannelPriority::NORMAL, &opened);
       if (!opened) {
         EXPECT_EQ(rig_.Call(channel, kEcho, "x")->WaitStatus().code(), COMMUNICATION_ERROR);
       }
     }
-    EXPECT_TRUE(WaitState(client, State::CLOSED));
+    // The handler runs after the state has changed: wait for it.
+    EXPECT_TRUE(zel::testing::WaitUntil([&] { return closes->load() == 1; }));
+    EXPECT_EQ(client->state(), State::CLOSED);
     EXPECT_TRUE(WaitState(server, State::CLOSED));
-    EXPECT_EQ(closes.load(), 1);
-    EXPECT_EQ(connects.load(), r.connects ? 1 : 0);
+    EXPECT_EQ(connects->load(), r.connects ? 1 : 0);
+    client->Close(CloseReason::CLOSED_BY_USER);
+    EXPECT_EQ(closes->load(), 1);
   }
 }
 
