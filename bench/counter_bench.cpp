@@ -4,7 +4,7 @@
 // Before the timings, the program proves on the updating threads themselves
 // that an update allocates nothing and takes no mutex: it counts calls of
 // operator new and of pthread_mutex_lock per thread (both replaced in this
-// program) around a run of updates of each counter kind, and fails if any
+// program, see probes.h) around a run of updates of each counter kind, and fails if any
 // count is above 0. The stats latency counter is left out of the allocation
 // check on purpose: its sample store may grow.
 #include <pthread.h>
@@ -28,37 +28,7 @@
 #include "cpp/lib/metrics/counters.h"
 #include "cpp/lib/metrics/net_counters.h"
 #include "cpp/lib/metrics/queue_counters.h"
-
-// --- Probes: per-thread counts of allocations and mutex locks --------------
-
-// The replaced operator new is malloc underneath and delete is free; GCC sees
-// the free but not the pairing.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-namespace {
-thread_local uint64_t t_allocations = 0;
-thread_local uint64_t t_mutexLocks = 0;
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++t_allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-
-// glibc's own entry of the lock, reached under its versioned name so that the
-// replacement below can hand each call on.
-extern "C" int __pthread_mutex_lock(pthread_mutex_t* mutex);
-__asm__(".symver __pthread_mutex_lock,__pthread_mutex_lock@GLIBC_2.2.5");
-extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
-  ++t_mutexLocks;
-  return __pthread_mutex_lock(mutex);
-}
+#include "probes.h"
 
 namespace {
 
@@ -78,10 +48,10 @@ struct Probe {
 
 template <typename Fn>
 Probe Measure(Fn&& fn) {
-  const uint64_t a = t_allocations;
-  const uint64_t m = t_mutexLocks;
+  const uint64_t a = zel::bench::ThreadAllocations();
+  const uint64_t m = zel::bench::ThreadMutexLocks();
   fn();
-  return Probe{t_allocations - a, t_mutexLocks - m};
+  return Probe{zel::bench::ThreadAllocations() - a, zel::bench::ThreadMutexLocks() - m};
 }
 
 // Checks one kind of update on this thread and on two threads at once.

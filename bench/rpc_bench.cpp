@@ -48,27 +48,7 @@
 #include "cpp/lib/rpc/rpc_connection.h"
 #include "cpp/lib/rpc/zel_rpc_message.h"
 #include "cpp/lib/timer/impl/asio_timer_factory.h"
-
-// --- Probe: per-thread count of allocations --------------------------------
-
-// The replaced operator new is malloc underneath and delete is free; GCC sees
-// the free but not the pairing.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-
-namespace {
-thread_local uint64_t t_allocations = 0;
-}  // namespace
-
-void* operator new(std::size_t size) {
-  ++t_allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+#include "probes.h"
 
 namespace {
 
@@ -114,35 +94,35 @@ void FrameBench(const Options& o) {
     const int n = size > 4096 ? o.ops / 40 : o.ops / 4;
     const rpc::ZelRpcMessage message = PayloadMessage(size);
 
-    uint64_t before = t_allocations;
+    uint64_t before = zel::bench::ThreadAllocations();
     Clock::time_point start = Clock::now();
     std::size_t sink = 0;
     for (int i = 0; i < n; ++i) sink += rpc::ZelRpcMessage::Serialize(message)->size();
     const double buildNs = Seconds(start) * 1e9 / n;
-    const double buildAllocs = double(t_allocations - before) / n;
+    const double buildAllocs = double(zel::bench::ThreadAllocations() - before) / n;
 
     // Reading: the header into a fresh frame, the body sized from it and
     // filled, then parsed; as a connection does with each frame.
     const rpc::RpcFramePtr wire = rpc::ZelRpcMessage::Serialize(message);
     double parseSeconds = 0;
     uint64_t parseAllocs = 0;
-    before = t_allocations;
+    before = zel::bench::ThreadAllocations();
     start = Clock::now();
     for (int i = 0; i < n; ++i) {
       rpc::RpcFramePtr frame = rpc::RpcFrame::ForRead();
       std::memcpy(frame->data(), wire->data(), rpc::kHeaderSize);
       frame->AllocateBody();
       std::memcpy(frame->body().data, wire->data() + rpc::kHeaderSize, frame->body().size);
-      const uint64_t parseBefore = t_allocations;
+      const uint64_t parseBefore = zel::bench::ThreadAllocations();
       const Clock::time_point parseStart = Clock::now();
       rpc::ZelRpcMessage in;
       if (!rpc::ZelRpcMessage::Parse(frame, &in)) std::abort();
       sink += in.payload_view().size;
       parseSeconds += Seconds(parseStart);
-      parseAllocs += t_allocations - parseBefore;
+      parseAllocs += zel::bench::ThreadAllocations() - parseBefore;
     }
     const double readNs = Seconds(start) * 1e9 / n;
-    const double readAllocs = double(t_allocations - before) / n;
+    const double readAllocs = double(zel::bench::ThreadAllocations() - before) / n;
     std::printf("%-8zu %12.0f %12.2f %12.0f %12.2f %12.0f %12.2f%s\n", size, buildNs, buildAllocs,
                 readNs, readAllocs, parseSeconds * 1e9 / n, double(parseAllocs) / n,
                 sink ? "" : " ");
