@@ -78,6 +78,25 @@ bool Catches(pid_t pid, int sig) {
   return !mask.empty() && (std::stoull(mask, nullptr, 16) >> (sig - 1) & 1) != 0;
 }
 
+// The signal state of every thread of `pid`, for failure messages: a lost
+// signal shows as pending and blocked, or as delivered to a thread that never
+// went on.
+std::string SignalState(pid_t pid) {
+  std::string out = "signals: SigCgt " + ProcField(pid, "SigCgt") + " ShdPnd " + ProcField(pid, "ShdPnd") + "\n";
+  std::error_code ec;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+    std::ifstream in(task.path() / "status");
+    out += "  task " + task.path().filename().string() + ":";
+    for (std::string line; std::getline(in, line);) {
+      for (const char* field : {"Name:", "State:", "SigPnd:", "SigBlk:"}) {
+        if (line.rfind(field, 0) == 0) out += " " + line;
+      }
+    }
+    out += "\n";
+  }
+  return out;
+}
+
 size_t ThreadCount(pid_t pid) {
   std::error_code ec;
   const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", ec);
@@ -188,7 +207,7 @@ TEST_F(AgentLifecycleTest, IgnoredAndNoOpSignalsChangeNothing) {
 
   // Still serving: the provider answers the first SIGTERM.
   agent.Signal(SIGTERM);
-  EXPECT_TRUE(WaitForLog(Message("AsioZelProvider: got signal 15")));
+  EXPECT_TRUE(WaitForLog(Message("AsioZelProvider: got signal 15"))) << SignalState(agent.pid());
 }
 
 // The first SIGTERM stops the dispatcher only; the second stop signal, either
@@ -200,7 +219,8 @@ TEST_F(AgentLifecycleTest, FirstSigtermEndsTheDispatcherAndTheNextStopSignalTheP
     Process& agent = StartAgent("VERBOSE");
     WaitServing();
     ASSERT_TRUE(agent.Signal(SIGTERM));
-    ASSERT_TRUE(WaitForLog(Message("AsioZelProvider: got signal 15"))) << sb().DebugReport();
+    ASSERT_TRUE(WaitForLog(Message("AsioZelProvider: got signal 15")))
+        << SignalState(agent.pid()) << sb().DebugReport();
     // In the wait now, with the monitor, the work group and client threads.
     ASSERT_TRUE(WaitForLog(Message(kWaiting))) << sb().DebugReport();
     EXPECT_TRUE(agent.Running());
