@@ -11,9 +11,11 @@ PACKAGES=(
   # libraries the code links
   libboost-system-dev libboost-thread-dev libboost-filesystem-dev
   libboost-chrono-dev libboost-date-time-dev
-  libprotobuf-dev protobuf-compiler libssl-dev openssl
+  libprotobuf-dev libprotoc-dev protobuf-compiler libssl-dev openssl
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the RPC benchmark measures against gRPC
+  libgrpc++-dev protobuf-compiler-grpc
   python3 python3-protobuf rsyslog
   libspdlog-dev libbson-dev
   # sandbox for end-to-end tests: namespaces, mounts, loopback

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "cpp/lib/common/logger.h"
+#include "cpp/lib/rpc/call_api.h"
 #include "cpp/lib/rpc/error_tags.h"
 #include "orvane/zel/rpc/zel_rpc.pb.h"
 
@@ -82,10 +83,17 @@ void RpcServiceRegistry::RegisterService(const std::string& service,
   std::vector<std::string>& names = services_[service];
   for (const std::string& old : names) methods_.erase(old);
   names.clear();
+  owned_.erase(service);
   for (const RpcServiceMethod& m : methods) {
     names.push_back(m.method.name);
     methods_[m.method.name] = std::make_shared<const RpcServiceMethod>(m);
   }
+}
+
+void RpcServiceRegistry::RegisterService(const std::shared_ptr<ServiceBase>& service) {
+  RegisterService(service->name(), service->methods());
+  MutexLock lock(mutex_);
+  owned_[service->name()] = service;
 }
 
 void RpcServiceRegistry::UnregisterService(const std::string& service) {
@@ -96,6 +104,7 @@ void RpcServiceRegistry::UnregisterService(const std::string& service) {
   if (it == services_.end()) return;
   for (const std::string& m : it->second) methods_.erase(m);
   services_.erase(it);
+  owned_.erase(service);
 }
 
 std::shared_ptr<const RpcServiceMethod> RpcServiceRegistry::GetMethod(const std::string& name) {

@@ -103,6 +103,7 @@ class MessageConsumer {
 };
 
 class Call;
+class ServiceBase;
 
 // Makes the consumer of a new server call of one method; the consumer
 // answers through `call`.
@@ -134,6 +135,8 @@ class RpcServiceRegistry : public ServiceRegistry {
 
   // Adds a service and all its methods (replacing one of the same name).
   void RegisterService(const std::string& service, const std::vector<RpcServiceMethod>& methods);
+  // A generated service: the registry keeps it until it is unregistered.
+  void RegisterService(const std::shared_ptr<ServiceBase>& service);
   void UnregisterService(const std::string& service);
 
   // ServiceRegistry
@@ -147,6 +150,7 @@ class RpcServiceRegistry : public ServiceRegistry {
   const std::string name_;
   Mutex mutex_;
   std::map<std::string, std::vector<std::string>> services_ GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<ServiceBase>> owned_ GUARDED_BY(mutex_);
   std::unordered_map<std::string, std::shared_ptr<const RpcServiceMethod>> methods_
       GUARDED_BY(mutex_);
 };
