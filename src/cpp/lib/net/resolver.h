@@ -110,6 +110,10 @@ class Resolver {
                        const Value& value) {
     handler(status, value);
   }
+  // What a request gets once the table is shut down.
+  virtual boost::system::error_code ShutDownError() const {
+    return net::error::make_error_code(net::error::shut_down);
+  }
 
  private:
   struct Entry {
@@ -276,7 +280,7 @@ void Resolver<K, V, E, P>::Resolve(const K& key, Handler handler) {
     if (!active_) {
       Log(kLogWarn, "%s Inactive - failing request for '%s'", text.c_str());
       out.deliveries.push_back(
-          {std::move(handler), net::error::make_error_code(net::error::shut_down), V()});
+          {std::move(handler), ShutDownError(), V()});
     } else if (it == entries_.end() && default_) {
       out.deliveries.push_back({std::move(handler), {}, *default_});
     } else {
@@ -511,7 +515,7 @@ void Resolver<K, V, E, P>::Shutdown() {
     }
     Log(kLogInfo, "%s Shutting down - removing all requests");
     active_ = false;
-    const boost::system::error_code down = net::error::make_error_code(net::error::shut_down);
+    const boost::system::error_code down = ShutDownError();
     while (!entries_.empty()) {
       auto it = entries_.begin();
       for (Handler& h : it->second.requests) out.deliveries.push_back({std::move(h), down, V()});
