@@ -279,8 +279,10 @@ double OursPipe(const Options& o) {
 
   const rpc::RpcFramePtr frame = rpc::ZelRpcMessage::Serialize(PayloadMessage(4096));
   Window window(kWindow);
-  receiver->AddStreamForwarder(frame->stream_id(),
-                               std::make_shared<CountingForwarder>(frame->stream_id(), &window));
+  if (!receiver->AddStreamForwarder(
+          frame->stream_id(), std::make_shared<CountingForwarder>(frame->stream_id(), &window))) {
+    std::abort();
+  }
   const Clock::time_point start = Clock::now();
   for (int i = 0; i < o.frames; ++i) {
     window.Acquire();

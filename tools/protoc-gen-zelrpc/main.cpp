@@ -12,7 +12,8 @@
 //   };
 //
 // A method's kind comes from its options client_streaming (50001) and
-// server_streaming (50002), or from the stream keyword of the schema.
+// server_streaming (50002); the schema's stream keyword is refused, so that
+// a schema says it one way only.
 //
 //   protoc --plugin=protoc-gen-zelrpc=<this> --zelrpc_out=<dir> -I... x.proto
 #include <cctype>
@@ -56,12 +57,8 @@ bool OptionSet(const MethodDescriptor& method, int number) {
   return set;
 }
 
-bool ClientStreams(const MethodDescriptor& m) {
-  return m.client_streaming() || OptionSet(m, kClientStreamingOption);
-}
-bool ServerStreams(const MethodDescriptor& m) {
-  return m.server_streaming() || OptionSet(m, kServerStreamingOption);
-}
+bool ClientStreams(const MethodDescriptor& m) { return OptionSet(m, kClientStreamingOption); }
+bool ServerStreams(const MethodDescriptor& m) { return OptionSet(m, kServerStreamingOption); }
 
 const char* MethodType(const MethodDescriptor& m) {
   if (ClientStreams(m)) return ServerStreams(m) ? "RMT_BIDI_STREAMING" : "RMT_CLIENT_STREAMING";
@@ -241,7 +238,18 @@ class ZelRpcGenerator : public google::protobuf::compiler::CodeGenerator {
  public:
   bool Generate(const FileDescriptor* file, const std::string& /*parameter*/,
                 google::protobuf::compiler::GeneratorContext* context,
-                std::string* /*error*/) const override {
+                std::string* error) const override {
+    for (int s = 0; s < file->service_count(); ++s) {
+      for (int i = 0; i < file->service(s)->method_count(); ++i) {
+        const MethodDescriptor& m = *file->service(s)->method(i);
+        if (m.client_streaming() || m.server_streaming()) {
+          *error = m.full_name() +
+                   ": use the options (orvane.zel.rpc.client_streaming) and "
+                   "(orvane.zel.rpc.server_streaming) instead of the stream keyword";
+          return false;
+        }
+      }
+    }
     // Every schema gets its pair, with or without services, so that a build
     // can name the outputs before it knows the contents.
     const std::string stem = Stem(file->name());

@@ -201,11 +201,11 @@ void Resolver<K, V, E, P>::SetState_(Entry& entry, State state) {
         ResolverStateText(state));
     return;
   }
-  Log(kLogDebug, "%s Entry[%s] changing state %s to %s", key.c_str(),
+  Log(kLogVerbose, "%s Entry[%s] changing state %s to %s", key.c_str(),
       ResolverStateText(entry.state), ResolverStateText(state));
-  Log(kLogDebug, "%s Entry[%s] exiting %s state", key.c_str(), ResolverStateText(entry.state));
+  Log(kLogVerbose, "%s Entry[%s] exiting %s state", key.c_str(), ResolverStateText(entry.state));
   entry.state = state;
-  Log(kLogDebug, "%s Entry[%s] entering %s state", key.c_str(), ResolverStateText(state));
+  Log(kLogVerbose, "%s Entry[%s] entering %s state", key.c_str(), ResolverStateText(state));
 }
 
 template <class K, class V, class E, class P>

@@ -34,5 +34,15 @@ RpcStatus NoObserver(const std::string& name) {
 }
 
 }  // namespace detail
+
+std::vector<RpcServiceMethod> ServiceBase::BindMethods(
+    const std::shared_ptr<ServiceBase>& self) const {
+  std::vector<RpcServiceMethod> bound;
+  for (const Entry& e : methods_) {
+    bound.push_back({e.method, std::make_shared<server::detail::BoundMethodHandler>(e.make, self)});
+  }
+  return bound;
+}
+
 }  // namespace rpc
 }  // namespace zel

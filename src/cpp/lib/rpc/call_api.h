@@ -20,6 +20,8 @@
 #ifndef ZEL_RPC_CALL_API_H_
 #define ZEL_RPC_CALL_API_H_
 
+#include <chrono>
+#include <condition_variable>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -119,6 +121,30 @@ class CallObserverInvoker : public MessageConsumer {
   const std::string name_;
 };
 
+namespace detail {
+
+// The final status of a client call, for those who wait for it.
+class DoneState {
+ public:
+  void Set(const RpcStatus& status) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    status_ = status;
+    done_.notify_all();
+  }
+  RpcStatus Wait(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    done_.wait_for(lock, timeout, [&] { return status_.IsSet(); });
+    return status_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  RpcStatus status_;
+};
+
+}  // namespace detail
+
 // A reference to a running client call whose answers are T.
 template <class T>
 class CallHandle {
@@ -127,6 +153,9 @@ class CallHandle {
   virtual RpcStatus Cancel() = 0;
   // The final status; not set while the call runs.
   virtual RpcStatus Status() const = 0;
+  // Blocks until the call has ended, at most `timeout`: the final status, or
+  // not set. Not from an observer or service function.
+  virtual RpcStatus Wait(std::chrono::milliseconds timeout) = 0;
 };
 
 template <class T>
@@ -135,12 +164,15 @@ using CallHandlePtr = std::shared_ptr<CallHandle<T>>;
 template <class T>
 class CallHandleImpl : public CallHandle<T> {
  public:
-  explicit CallHandleImpl(RefPtr<Call> call) : call_(std::move(call)) {}
+  CallHandleImpl(RefPtr<Call> call, std::shared_ptr<detail::DoneState> done)
+      : call_(std::move(call)), done_(std::move(done)) {}
   RpcStatus Cancel() override { return call_->Cancel(); }
   RpcStatus Status() const override { return call_->GetStatus(); }
+  RpcStatus Wait(std::chrono::milliseconds timeout) override { return done_->Wait(timeout); }
 
  private:
   const RefPtr<Call> call_;
+  const std::shared_ptr<detail::DoneState> done_;
 };
 
 // The sending side of a call whose messages are T.
@@ -154,6 +186,9 @@ class StreamWriter {
   virtual RpcStatus Done(const RpcStatus& status) = 0;
   virtual RpcStatus Cancel() = 0;
   virtual RpcStatus Status() const = 0;
+  // A client's writer: blocks until the call has ended, at most `timeout`
+  // (the final status, or not set). A server's answers Status() at once.
+  virtual RpcStatus Wait(std::chrono::milliseconds timeout) = 0;
 };
 
 template <class T>
@@ -162,7 +197,8 @@ using StreamWriterPtr = std::shared_ptr<StreamWriter<T>>;
 template <class T>
 class StreamWriterImpl : public StreamWriter<T> {
  public:
-  explicit StreamWriterImpl(RefPtr<Call> call) : call_(std::move(call)) {}
+  explicit StreamWriterImpl(RefPtr<Call> call, std::shared_ptr<detail::DoneState> done = nullptr)
+      : call_(std::move(call)), done_(std::move(done)) {}
   RpcStatus Write(const T& message) override { return call_->Send(message); }
   RpcStatus Complete(const T& message, const RpcStatus& status) override {
     return call_->Complete(&message, status);
@@ -170,9 +206,13 @@ class StreamWriterImpl : public StreamWriter<T> {
   RpcStatus Done(const RpcStatus& status) override { return call_->Done(status); }
   RpcStatus Cancel() override { return call_->Cancel(); }
   RpcStatus Status() const override { return call_->GetStatus(); }
+  RpcStatus Wait(std::chrono::milliseconds timeout) override {
+    return done_ ? done_->Wait(timeout) : call_->GetStatus();
+  }
 
  private:
   const RefPtr<Call> call_;
+  const std::shared_ptr<detail::DoneState> done_;
 };
 
 namespace client {
@@ -205,22 +245,30 @@ class StubBase {
   CallHandlePtr<Resp> StartUnary_(const RpcMethod& method, const ClientContext& context,
                                   const Req& request, CallObserverPtr<Resp> observer) {
     RpcCallPtr call = NewCall_(method);
+    auto done = WatchDone_(call);
     call->Start(context, std::make_shared<client::detail::StreamConsumer<Resp>>(
                              std::move(observer), method));
     call->Send(request);
-    return std::make_shared<CallHandleImpl<Resp>>(RefPtr<Call>(call));
+    return std::make_shared<CallHandleImpl<Resp>>(RefPtr<Call>(call), std::move(done));
   }
   // A call whose client streams: RMT_CLIENT_STREAMING and RMT_BIDI_STREAMING.
   template <class Req, class Resp>
   StreamWriterPtr<Req> StartStream_(const RpcMethod& method, const ClientContext& context,
                                     CallObserverPtr<Resp> observer) {
     RpcCallPtr call = NewCall_(method);
+    auto done = WatchDone_(call);
     call->Start(context, std::make_shared<client::detail::StreamConsumer<Resp>>(
                              std::move(observer), method));
-    return std::make_shared<StreamWriterImpl<Req>>(RefPtr<Call>(call));
+    return std::make_shared<StreamWriterImpl<Req>>(RefPtr<Call>(call), std::move(done));
   }
 
  private:
+  // Installed before the call starts, when nothing else touches it.
+  static std::shared_ptr<detail::DoneState> WatchDone_(const RpcCallPtr& call) {
+    auto done = std::make_shared<detail::DoneState>();
+    call->SetDoneCallback([done](const RpcStatus& status) { done->Set(status); });
+    return done;
+  }
   RpcCallPtr NewCall_(const RpcMethod& method) {
     std::lock_guard<std::mutex> lock(mutex_);
     return channel_->CreateCall(method);
@@ -230,18 +278,23 @@ class StubBase {
   std::mutex mutex_;
 };
 
-// The base of generated services: the service's name and its methods, which
-// a registry takes. A service is owned by a shared pointer; each call holds
-// it while it runs.
-class ServiceBase : public std::enable_shared_from_this<ServiceBase> {
+// The base of generated services: the service's name and its methods. A
+// registry takes a service by shared pointer and binds each method to it, so
+// that a call holds its service while it runs.
+class ServiceBase {
  public:
+  // Makes the consumer of a new call of one method of `service`.
+  using Make = std::function<std::shared_ptr<MessageConsumer>(
+      const RefPtr<Call>& call, const std::shared_ptr<ServiceBase>& service)>;
+
   explicit ServiceBase(std::string name) : name_(std::move(name)) {}
   virtual ~ServiceBase() = default;
   ServiceBase(const ServiceBase&) = delete;
   ServiceBase& operator=(const ServiceBase&) = delete;
 
   const std::string& name() const { return name_; }
-  const std::vector<RpcServiceMethod>& methods() const { return methods_; }
+  // The methods, each bound to `self`, which must be this service.
+  std::vector<RpcServiceMethod> BindMethods(const std::shared_ptr<ServiceBase>& self) const;
 
  protected:
   // Adds a method whose client sends one request; `impl` answers through the
@@ -257,8 +310,12 @@ class ServiceBase : public std::enable_shared_from_this<ServiceBase> {
                                                     const StreamWriterPtr<Resp>&));
 
  private:
+  struct Entry {
+    RpcMethod method;
+    Make make;
+  };
   const std::string name_;
-  std::vector<RpcServiceMethod> methods_;
+  std::vector<Entry> methods_;
 };
 
 namespace server {
@@ -325,18 +382,19 @@ class RpcServiceMethodConsumer<true> : public MessageConsumer {
   std::shared_ptr<MessageConsumer> requests_;
 };
 
-// Makes the consumer of each new call of one method.
-class FunctionMethodHandler : public MethodHandler {
+// Makes the consumer of each new call of one method of a service it holds.
+class BoundMethodHandler : public MethodHandler {
  public:
-  using Make = std::function<std::shared_ptr<MessageConsumer>(const RefPtr<Call>&)>;
-  explicit FunctionMethodHandler(Make make) : make_(std::move(make)) {}
+  BoundMethodHandler(ServiceBase::Make make, std::shared_ptr<ServiceBase> service)
+      : make_(std::move(make)), service_(std::move(service)) {}
   std::shared_ptr<MessageConsumer> MakeConsumer(const RpcMethod&,
                                                 const RefPtr<Call>& call) override {
-    return make_(call);
+    return make_(call, service_);
   }
 
  private:
-  const Make make_;
+  const ServiceBase::Make make_;
+  const std::shared_ptr<ServiceBase> service_;
 };
 
 }  // namespace detail
@@ -346,10 +404,10 @@ template <class Svc, class Req, class Resp>
 void ServiceBase::AddMethod_(const RpcMethod& method,
                              void (Svc::*impl)(const ServerContext&, const Req&,
                                                const StreamWriterPtr<Resp>&)) {
-  Svc* self = static_cast<Svc*>(this);
   const std::string name = method.name;
-  auto make = [self, impl, name](const RefPtr<Call>& call) -> std::shared_ptr<MessageConsumer> {
-    std::shared_ptr<ServiceBase> keep = self->shared_from_this();
+  auto make = [impl, name](const RefPtr<Call>& call,
+                           const std::shared_ptr<ServiceBase>& keep) -> std::shared_ptr<MessageConsumer> {
+    Svc* self = static_cast<Svc*>(keep.get());
     auto writer = std::make_shared<StreamWriterImpl<Resp>>(call);
     return std::make_shared<server::detail::RpcServiceMethodConsumer<false>>(
         [keep, self, impl, name, writer](const ServerContext& context,
@@ -362,18 +420,17 @@ void ServiceBase::AddMethod_(const RpcMethod& method,
                                       [&] { (self->*impl)(context, request, writer); });
         });
   };
-  methods_.push_back(
-      {method, std::make_shared<server::detail::FunctionMethodHandler>(std::move(make))});
+  methods_.push_back({method, std::move(make)});
 }
 
 template <class Svc, class Req, class Resp>
 void ServiceBase::AddMethod_(const RpcMethod& method,
                              CallObserverPtr<Req> (Svc::*impl)(const ServerContext&,
                                                                const StreamWriterPtr<Resp>&)) {
-  Svc* self = static_cast<Svc*>(this);
   const std::string name = method.name;
-  auto make = [self, impl, name](const RefPtr<Call>& call) -> std::shared_ptr<MessageConsumer> {
-    std::shared_ptr<ServiceBase> keep = self->shared_from_this();
+  auto make = [impl, name](const RefPtr<Call>& call,
+                           const std::shared_ptr<ServiceBase>& keep) -> std::shared_ptr<MessageConsumer> {
+    Svc* self = static_cast<Svc*>(keep.get());
     auto writer = std::make_shared<StreamWriterImpl<Resp>>(call);
     return std::make_shared<server::detail::RpcServiceMethodConsumer<true>>(
         [keep, self, impl, name, writer](const ServerContext& context,
@@ -390,8 +447,7 @@ void ServiceBase::AddMethod_(const RpcMethod& method,
           return std::make_shared<CallObserverInvoker<Req>>(std::move(observer), name);
         });
   };
-  methods_.push_back(
-      {method, std::make_shared<server::detail::FunctionMethodHandler>(std::move(make))});
+  methods_.push_back({method, std::move(make)});
 }
 
 }  // namespace rpc

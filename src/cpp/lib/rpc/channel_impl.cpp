@@ -21,6 +21,15 @@ namespace zel {
 namespace rpc {
 namespace {
 
+// The consumer of a call whose method gave none: the call fails at once.
+class RefusingConsumer : public MessageConsumer {
+ public:
+  RpcStatus Prepare(ServerContext*) override { return RpcStatus(UNIMPLEMENTED); }
+  RpcStatus Next(const RpcFrame::View&) override { return RpcStatus::Success(); }
+  RpcStatus RemoteStatus(const RpcStatus&) override { return RpcStatus::Success(); }
+  RpcStatus CallStatus(const RpcStatus&) override { return RpcStatus::Success(); }
+};
+
 using Clock = std::chrono::steady_clock;
 
 std::string CallIdText(uint64_t id) {
@@ -412,8 +421,17 @@ RpcStatus ChannelImpl::ReceiveForNewCall_(const ZelRpcMessage& message) {
     context.remote_services = info.remote_services;
     context.net_peer = info.net_peer;
   }
-  std::shared_ptr<MessageConsumer> consumer =
-      method->handler ? method->handler->MakeConsumer(method->method, RefPtr<Call>(call)) : nullptr;
+  std::shared_ptr<MessageConsumer> consumer;
+  try {
+    if (method->handler) consumer = method->handler->MakeConsumer(method->method, RefPtr<Call>(call));
+  } catch (const std::exception& e) {
+    ZEL_RPC_LOG(kLogError)
+        .addTag(kTagRpc101)
+        .format("%s Failed to make the consumer of %s: %s", name.c_str(),
+                method->method.name.c_str(), e.what());
+  }
+  // A method with no consumer still answers its caller, with UNIMPLEMENTED.
+  if (!consumer) consumer = std::make_shared<RefusingConsumer>();
   call->Accept(message, context, std::move(consumer));
   call->Receive(message);
   return RpcStatus::Success();

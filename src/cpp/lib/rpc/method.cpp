@@ -17,6 +17,13 @@ std::string Join(const std::vector<std::string>& items) {
   return out;
 }
 
+// Header names that fill a member of the context instead of the map. None
+// does today: every received header lands in the map.
+const std::unordered_map<std::string, std::string BaseContext::*>& KnownHeaders() {
+  static const std::unordered_map<std::string, std::string BaseContext::*> known;
+  return known;
+}
+
 }  // namespace
 
 const char* ToString(RpcMethodType type) {
@@ -61,7 +68,13 @@ bool UnpackContext(const ::orvane::zel::rpc::HeadersMsg& in, BaseContext* out) {
           .format("Context: Unpacking failure - header '%s' is incomplete", h.key().c_str());
       return false;
     }
-    // No header has a member of its own: all go to the map, first value kept.
+    auto known = KnownHeaders().find(h.key());
+    if (known != KnownHeaders().end()) {
+      std::string& member = out->*(known->second);
+      if (member.empty()) member = h.value();
+      continue;
+    }
+    // A repeated key keeps its first value.
     out->headers.emplace(h.key(), h.value());
   }
   if (in.has_client_id()) out->client_id = in.client_id();
@@ -79,11 +92,17 @@ void RpcServiceRegistry::RegisterService(const std::string& service,
                                          const std::vector<RpcServiceMethod>& methods) {
   ZEL_RPC_LOG(kLogVerbose).format("%s Registering local service %s", name_.c_str(),
                                   service.c_str());
+  // Methods replaced here (and a service they hold) go after the unlock.
+  std::vector<std::shared_ptr<const RpcServiceMethod>> replaced;
   MutexLock lock(mutex_);
   std::vector<std::string>& names = services_[service];
-  for (const std::string& old : names) methods_.erase(old);
+  for (const std::string& old : names) {
+    auto it = methods_.find(old);
+    if (it == methods_.end()) continue;
+    replaced.push_back(std::move(it->second));
+    methods_.erase(it);
+  }
   names.clear();
-  owned_.erase(service);
   for (const RpcServiceMethod& m : methods) {
     names.push_back(m.method.name);
     methods_[m.method.name] = std::make_shared<const RpcServiceMethod>(m);
@@ -91,31 +110,34 @@ void RpcServiceRegistry::RegisterService(const std::string& service,
 }
 
 void RpcServiceRegistry::RegisterService(const std::shared_ptr<ServiceBase>& service) {
-  RegisterService(service->name(), service->methods());
-  MutexLock lock(mutex_);
-  owned_[service->name()] = service;
+  RegisterService(service->name(), service->BindMethods(service));
 }
 
 void RpcServiceRegistry::UnregisterService(const std::string& service) {
   ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering local service %s", name_.c_str(),
                                   service.c_str());
+  std::vector<std::shared_ptr<const RpcServiceMethod>> removed;
   MutexLock lock(mutex_);
   auto it = services_.find(service);
   if (it == services_.end()) return;
-  for (const std::string& m : it->second) methods_.erase(m);
+  for (const std::string& m : it->second) {
+    auto found = methods_.find(m);
+    if (found == methods_.end()) continue;
+    removed.push_back(std::move(found->second));
+    methods_.erase(found);
+  }
   services_.erase(it);
-  owned_.erase(service);
 }
 
 std::shared_ptr<const RpcServiceMethod> RpcServiceRegistry::GetMethod(const std::string& name) {
-  ZEL_RPC_LOG(kLogDebug).format("%s GetMethod(%s)", name_.c_str(), name.c_str());
+  ZEL_RPC_LOG(kLogVerbose).format("%s GetMethod(%s)", name_.c_str(), name.c_str());
   MutexLock lock(mutex_);
   auto it = methods_.find(name);
   return it == methods_.end() ? nullptr : it->second;
 }
 
 bool RpcServiceRegistry::HasService(const std::string& name) {
-  ZEL_RPC_LOG(kLogDebug).format("%s GetService(%s)", name_.c_str(), name.c_str());
+  ZEL_RPC_LOG(kLogVerbose).format("%s GetService(%s)", name_.c_str(), name.c_str());
   MutexLock lock(mutex_);
   return services_.count(name) != 0;
 }

@@ -135,7 +135,8 @@ class RpcServiceRegistry : public ServiceRegistry {
 
   // Adds a service and all its methods (replacing one of the same name).
   void RegisterService(const std::string& service, const std::vector<RpcServiceMethod>& methods);
-  // A generated service: the registry keeps it until it is unregistered.
+  // A generated service: its methods hold it until they are unregistered
+  // and their calls have ended.
   void RegisterService(const std::shared_ptr<ServiceBase>& service);
   void UnregisterService(const std::string& service);
 
@@ -150,7 +151,6 @@ class RpcServiceRegistry : public ServiceRegistry {
   const std::string name_;
   Mutex mutex_;
   std::map<std::string, std::vector<std::string>> services_ GUARDED_BY(mutex_);
-  std::map<std::string, std::shared_ptr<ServiceBase>> owned_ GUARDED_BY(mutex_);
   std::unordered_map<std::string, std::shared_ptr<const RpcServiceMethod>> methods_
       GUARDED_BY(mutex_);
 };

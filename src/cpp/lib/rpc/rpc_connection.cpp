@@ -1044,10 +1044,11 @@ void RpcConnection::UnregisterChannel(const ChannelImpl& channel) {
   if (removed) ChannelReleased();
 }
 
-void RpcConnection::AddStreamForwarder(const StreamId& id,
+bool RpcConnection::AddStreamForwarder(const StreamId& id,
                                        const std::shared_ptr<StreamForwarder>& forwarder) {
   MutexLock lock(mutex_);
-  forwarders_[id] = forwarder;
+  if (state_ == State::CLOSED) return false;
+  return forwarders_.emplace(id, forwarder).second;
 }
 
 void RpcConnection::ReleaseStreamForwarder(const StreamId& id, std::optional<CloseReason> reason) {

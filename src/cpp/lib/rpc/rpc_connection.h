@@ -53,6 +53,7 @@
 #include "cpp/lib/common/mutex.h"
 #include "cpp/lib/metrics/metric_key.h"
 #include "cpp/lib/net/connection.h"
+#include "cpp/lib/net/socket_options.h"
 #include "cpp/lib/rpc/connection.h"
 #include "cpp/lib/rpc/rpc_frame.h"
 #include "cpp/lib/rpc/rpc_metrics.h"
@@ -83,6 +84,9 @@ struct ConnectionOptions {
   int64_t negotiation_timeout = 0;
   // Seconds of the keepalive interval; unset or 0 or less: no keepalive.
   std::optional<int64_t> keepalive_timeout;
+  // How the net connection is made (TLS context, socket settings); not part
+  // of the printed form.
+  net::SocketOptions socket;
 
   // "{gw:endpoint service negotiation_timeout:10 keepalive_timeout:30}",
   // parts only when set.
@@ -188,7 +192,9 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   void Accept(ConnectHandler handler);
   // A ready frame, for forwarders.
   RpcStatus Send(const RpcFramePtr& frame, uint32_t priority);
-  void AddStreamForwarder(const StreamId& id, const std::shared_ptr<StreamForwarder>& forwarder);
+  // False when the connection is closed or the stream has a forwarder.
+  [[nodiscard]] bool AddStreamForwarder(const StreamId& id,
+                                        const std::shared_ptr<StreamForwarder>& forwarder);
   void ReleaseStreamForwarder(const StreamId& id, std::optional<CloseReason> reason);
 
   // Connection

@@ -44,11 +44,10 @@ using RpcResolverBase =
     Resolver<std::string, RpcRoute, std::equal_to<std::string>,
              ResolverPolicy<policy::threading::Locked, policy::caching::STORE>>;
 
-// A resolver whose answers go through the dispatcher; `kind` names it
-// ("RpcEndpointResolver[<n>]").
+// A resolver whose answers go through the dispatcher.
 class RpcResolver : public RpcResolverBase {
  public:
-  RpcResolver(const char* kind, boost::shared_ptr<Dispatcher> dispatcher);
+  RpcResolver(std::string name, boost::shared_ptr<Dispatcher> dispatcher);
 
  protected:
   void Deliver(const Handler& handler, const boost::system::error_code& status,
@@ -59,16 +58,16 @@ class RpcResolver : public RpcResolverBase {
   const boost::shared_ptr<Dispatcher> dispatcher_;
 };
 
+// "RpcEndpointResolver[<n>]".
 class RpcEndpointResolver : public RpcResolver {
  public:
-  explicit RpcEndpointResolver(boost::shared_ptr<Dispatcher> dispatcher)
-      : RpcResolver("RpcEndpointResolver", std::move(dispatcher)) {}
+  explicit RpcEndpointResolver(boost::shared_ptr<Dispatcher> dispatcher);
 };
 
+// "RpcServiceResolver[<n>]".
 class RpcServiceResolver : public RpcResolver {
  public:
-  explicit RpcServiceResolver(boost::shared_ptr<Dispatcher> dispatcher)
-      : RpcResolver("RpcServiceResolver", std::move(dispatcher)) {}
+  explicit RpcServiceResolver(boost::shared_ptr<Dispatcher> dispatcher);
 };
 
 }  // namespace rpc

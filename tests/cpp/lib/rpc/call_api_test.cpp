@@ -102,8 +102,9 @@ class CallApiTest : public ::testing::Test {
           : method.name == TestService::kStreamMethod.name
               ? stub_->Stream(context, requests[0], replies)
               : stub_->Missing(context, requests[0], replies);
-      const RpcStatus status = replies->Wait();
+      const RpcStatus status = handle->Wait(kDeadline);
       EXPECT_EQ(handle->Status(), status);
+      EXPECT_EQ(replies->Wait(), status);
       return {status, replies->texts()};
     }
     StreamWriterPtr<TestRequest> writer = method.name == TestService::kCollectMethod.name
@@ -111,7 +112,9 @@ class CallApiTest : public ::testing::Test {
                                               : stub_->Chat(context, replies);
     for (const TestRequest& r : requests) writer->Write(r);
     writer->Done(RpcStatus::Success());
-    return {replies->Wait(), replies->texts()};
+    const RpcStatus status = writer->Wait(kDeadline);
+    EXPECT_EQ(replies->Wait(), status);
+    return {status, replies->texts()};
   }
 
   RpcLogCapture log_;
@@ -186,6 +189,14 @@ TEST_F(CallApiTest, AnObserverThatThrowsFailsTheCallOnceAndAnEndingOneIsOnlyLogg
   EXPECT_EQ(failing->Wait().code(), APPLICATION_ERROR);
   EXPECT_EQ(failing->texts().size(), 1u) << "nothing reaches an observer after it threw";
 
+  // The peer hears the code.
+  auto chatting = std::make_shared<Replies>(Replies::kInNext);
+  auto writer = stub_->Chat(ClientContext(), chatting);
+  writer->Write(Req("c"));
+  EXPECT_EQ(writer->Wait(kDeadline).code(), APPLICATION_ERROR);
+  ASSERT_TRUE(zel::testing::WaitUntil([&] { return service_->chat_final_status().IsSet(); }));
+  EXPECT_EQ(service_->chat_final_status().code(), APPLICATION_ERROR);
+
   auto ending = std::make_shared<Replies>(Replies::kInCallStatus);
   stub_->Echo(ClientContext(), Req("e"), ending);
   EXPECT_TRUE(ending->Wait().ok());
@@ -194,7 +205,7 @@ TEST_F(CallApiTest, AnObserverThatThrowsFailsTheCallOnceAndAnEndingOneIsOnlyLogg
                       "orvane.zel.test.TestService.Echo") == 1;
   }));
   EXPECT_EQ(ending->finals(), 1);
-  EXPECT_EQ(log_.Count("Exception occurred in Observer::"), 2);
+  EXPECT_EQ(log_.Count("Exception occurred in Observer::"), 3);
 }
 
 TEST_F(CallApiTest, AnUnparsablePayloadFailsWithDataLoss) {

@@ -94,6 +94,7 @@ TEST_F(RpcResolversTest, TheDefaultRouteAnswersUnmappedNamesUntilReset) {
   std::future<Answer> viaDefault = Ask(endpoints, "node-7");
   ASSERT_TRUE(Ready(viaDefault));
   EXPECT_EQ(viaDefault.get().route, "unix:///run/gw.sock");
+  ASSERT_TRUE(endpoints.Get("node-7"));
   EXPECT_EQ(endpoints.Get("node-7")->endpoint, "unix:///run/gw.sock");
 
   endpoints.ResetDefault();

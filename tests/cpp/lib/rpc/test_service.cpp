@@ -47,6 +47,11 @@ std::string TestServiceImpl::last_header(const std::string& key) {
   return it == headers_.end() ? "" : it->second;
 }
 
+RpcStatus TestServiceImpl::chat_final_status() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return chatFinalStatus_;
+}
+
 void TestServiceImpl::Echo(const ServerContext& context, const TestRequest& request,
                            const StreamWriterPtr<TestReply>& writer) {
   ++calls_;
@@ -95,11 +100,17 @@ CallObserverPtr<TestRequest> TestServiceImpl::Chat(const ServerContext&,
                                                    const StreamWriterPtr<TestReply>& writer) {
   ++calls_;
   struct Chatter : CallObserver<TestRequest> {
+    TestServiceImpl* service;
     StreamWriterPtr<TestReply> writer;
     void Next(const TestRequest& r) override { Answer(r, writer, false); }
     void RemoteStatus(const RpcStatus&) override { writer->Done(RpcStatus::Success()); }
+    void CallStatus(const RpcStatus& status) override {
+      std::lock_guard<std::mutex> lock(service->mutex_);
+      service->chatFinalStatus_ = status;
+    }
   };
   auto chatter = std::make_shared<Chatter>();
+  chatter->service = this;
   chatter->writer = writer;
   return chatter;
 }

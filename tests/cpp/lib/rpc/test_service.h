@@ -44,6 +44,8 @@ class TestServiceImpl : public TestService::Service {
   int calls() const { return calls_.load(); }
   // The headers of the last call.
   std::string last_header(const std::string& key);
+  // The final status of the last Chat call on the server's side.
+  RpcStatus chat_final_status();
 
  private:
   // Runs `fn` now, or after the request's delay.
@@ -54,6 +56,7 @@ class TestServiceImpl : public TestService::Service {
   std::mutex mutex_;
   std::unordered_map<std::string, std::string> headers_;
   std::vector<TimerPtr> pending_;
+  RpcStatus chatFinalStatus_;
 };
 
 }  // namespace testing

@@ -1,0 +1,164 @@
+#include "cpp/lib/rpc/rpc_stream_forwarder.h"
+
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "cpp/lib/common/logger.h"
+#include "cpp/lib/rpc/error_tags.h"
+#include "orvane/zel/rpc/zel_rpc.pb.h"
+
+namespace zel {
+namespace rpc {
+namespace {
+
+enum ForwarderEvent { kBindSuccess, kBindFailure, kRelease, kRxFrames, kTxFrames, kDropFrames };
+enum ForwarderAmount { kRxBytes, kTxBytes };
+
+}  // namespace
+
+bool PatchStreamControl(const RpcFramePtr& frame,
+                        const ::orvane::zel::rpc::StreamControlMsg& control) {
+  std::string bytes;
+  if (!control.SerializeToString(&bytes)) return false;
+  return frame->ReplaceStreamControl(bytes);
+}
+
+std::shared_ptr<RpcStreamForwarder> RpcStreamForwarder::Create(
+    const StreamId& id, uint32_t priority, const boost::shared_ptr<RpcConnection>& source,
+    std::weak_ptr<ForwarderOwner> owner, const metrics::MetricKeyPtr& metricsRoot,
+    const std::string& service) {
+  return std::make_shared<RpcStreamForwarder>(id, priority, source, std::move(owner), metricsRoot,
+                                              service);
+}
+
+RpcStreamForwarder::RpcStreamForwarder(const StreamId& id, uint32_t priority,
+                                       const boost::shared_ptr<RpcConnection>& source,
+                                       std::weak_ptr<ForwarderOwner> owner,
+                                       const metrics::MetricKeyPtr& metricsRoot,
+                                       const std::string& service)
+    : id_(id),
+      priority_(priority),
+      name_("RpcStreamForwarder[" + StreamIdText(id) + "]"),
+      owner_(std::move(owner)),
+      metrics_(metricsRoot ? metricsRoot->subkey("rpc/forwarder") : nullptr,
+               "service=" + service + ",priority=" + StreamPriorityName(priority),
+               {"bind/success", "bind/failure", "release", "rx/frames", "tx/frames", "drop/frames"},
+               {"rx/bytes", "tx/bytes"}),
+      source_(source) {}
+
+bool RpcStreamForwarder::active() const {
+  MutexLock lock(mutex_);
+  return active_;
+}
+
+std::size_t RpcStreamForwarder::queued() const {
+  MutexLock lock(mutex_);
+  return queued_.size();
+}
+
+bool RpcStreamForwarder::Forward(const RpcFramePtr& frame,
+                                 const boost::shared_ptr<RpcConnection>& from) {
+  boost::shared_ptr<RpcConnection> target;
+  {
+    MutexLock lock(mutex_);
+    if (!active_) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Is inactive - dropping frame", name_.c_str());
+      metrics_.Mark(kDropFrames);
+      return false;
+    }
+    if (!bound_) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Queuing frame", name_.c_str());
+      queued_.push_back(frame);
+      return true;
+    }
+    ZEL_RPC_LOG(kLogDebug).format("%s Sending frame", name_.c_str());
+    target = from == source_.lock() ? destination_.lock() : source_.lock();
+  }
+  metrics_.Mark(kRxFrames);
+  metrics_.Add(kRxBytes, frame->size());
+  if (!target) return false;
+  metrics_.Mark(kTxFrames);
+  metrics_.Add(kTxBytes, frame->size());
+  return target->Send(frame, priority_).ok();
+}
+
+void RpcStreamForwarder::Bind(const boost::shared_ptr<RpcConnection>& destination) {
+  const std::string to = destination->ToString();
+  ZEL_RPC_LOG(kLogVerbose).format("%s Binding to %s", name_.c_str(), to.c_str());
+  std::deque<RpcFramePtr> queued;
+  {
+    MutexLock lock(mutex_);
+    if (!active_) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Is inactive - won't bind to destination %s",
+                                      name_.c_str(), to.c_str());
+      metrics_.Mark(kBindFailure);
+      return;
+    }
+  }
+  if (!destination->AddStreamForwarder(id_, shared_from_this())) {
+    ZEL_RPC_LOG(kLogError)
+        .addTag(kTagRpc60)
+        .format("%s Failed to bind to %s", name_.c_str(), to.c_str());
+    metrics_.Mark(kBindFailure);
+    Release(CloseReason::NETWORK_ERROR);
+    return;
+  }
+  {
+    MutexLock lock(mutex_);
+    destination_ = destination;
+    metrics_.Mark(kBindSuccess);
+    // Frames that arrive from here on wait behind the queue: the queue goes
+    // out before the lock lets them through.
+    while (!queued_.empty()) {
+      RpcFramePtr frame = std::move(queued_.front());
+      queued_.pop_front();
+      ZEL_RPC_LOG(kLogDebug).format("%s Sending queued frame", name_.c_str());
+      metrics_.Mark(kTxFrames);
+      metrics_.Add(kTxBytes, frame->size());
+      // Send only queues the frame on the connection.
+      destination->Send(frame, priority_);
+    }
+    bound_ = true;
+  }
+}
+
+void RpcStreamForwarder::Release(std::optional<CloseReason> reason) {
+  boost::shared_ptr<RpcConnection> source;
+  boost::shared_ptr<RpcConnection> destination;
+  std::size_t dropped = 0;
+  {
+    MutexLock lock(mutex_);
+    // A connection releasing this forwarder in turn finds it gone.
+    if (!active_) return;
+    active_ = false;
+    source = source_.lock();
+    destination = destination_.lock();
+    source_.reset();
+    destination_.reset();
+    dropped = queued_.size();
+    queued_.clear();
+  }
+  try {
+    ZEL_RPC_LOG(kLogVerbose).format("%s Releasing (%s)", name_.c_str(),
+                                    reason ? rpc::ToString(*reason) : "NONE");
+    if (source) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Releasing source %s", name_.c_str(),
+                                      source->ToString().c_str());
+      source->ReleaseStreamForwarder(id_, reason);
+    }
+    if (destination) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Releasing destination %s", name_.c_str(),
+                                      destination->ToString().c_str());
+      destination->ReleaseStreamForwarder(id_, reason);
+    }
+    metrics_.Mark(kRelease);
+    for (std::size_t i = 0; i < dropped; ++i) metrics_.Mark(kDropFrames);
+    if (auto owner = owner_.lock()) owner->ReleaseForwarder(*this);
+  } catch (const std::exception& e) {
+    ZEL_RPC_LOG(kLogError).format("Exception caught %s", e.what());
+  }
+}
+
+}  // namespace rpc
+}  // namespace zel
