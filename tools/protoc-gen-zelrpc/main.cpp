@@ -142,7 +142,8 @@ void Header(Printer& p, const FileDescriptor& file, const std::string& stem) {
     }
     p.Print(
         "\n  class Stub : public ::zel::rpc::StubBase {\n   public:\n"
-        "    explicit Stub(::zel::rpc::ChannelPtr channel) : StubBase(std::move(channel)) {}\n");
+        "    explicit Stub(::zel::rpc::ChannelPtr channel) : StubBase(std::move(channel)) {}\n"
+        "    static const char* ServiceName() { return kServiceName; }\n");
     for (int i = 0; i < service.method_count(); ++i) {
       const MethodDescriptor& m = *service.method(i);
       if (ClientStreams(m)) {

@@ -74,6 +74,8 @@ class AsioDispatcher : public Dispatcher {
   bool OwnsIoContext() const;
   // Threads started by Run and not yet joined.
   std::size_t NumThreads() const;
+  // True on one of the threads started by Run.
+  bool IsOwnThread() const { return IsOwnThread_(); }
 
   boost::asio::io_context& GetIoContext() const;
   const boost::shared_ptr<boost::asio::io_context>& GetIoContextHandle() const;

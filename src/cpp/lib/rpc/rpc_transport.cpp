@@ -263,13 +263,11 @@ void RpcTransport::GetConnection(const std::string& url, const ConnectionOptions
                                  ConnectHandler handler) {
   const char* name = name_.c_str();
   ZEL_RPC_LOG(kLogVerbose).format("%s Getting connection to '%s'", name, url.c_str());
-  {
-    MutexLock lock(mutex_);
-    if (shutdown_) {
-      ZEL_RPC_LOG(kLogWarn).format("%s Not returning connection to %s - transport is shutdown",
-                                   name, url.c_str());
-      return Post_(handler, ShutDown(), nullptr);
-    }
+  // A requested shutdown counts at once, before its posted step has run.
+  if (shutdownRequested_.load()) {
+    ZEL_RPC_LOG(kLogWarn).format("%s Not returning connection to %s - transport is shutdown", name,
+                                 url.c_str());
+    return Post_(handler, ShutDown(), nullptr);
   }
   const net::Endpoint parsed(url);
   RpcResolver* table = parsed.scheme() == "service" ? static_cast<RpcResolver*>(serviceResolver_.get())
@@ -352,13 +350,10 @@ void RpcTransport::CreateConnection_(const std::string& endpoint, const Connecti
   const char* name = name_.c_str();
   ZEL_RPC_LOG(kLogVerbose).format("%s Creating connection to '%s' with %s", name,
                                   endpoint.c_str(), options.ToString().c_str());
-  {
-    MutexLock lock(mutex_);
-    if (shutdown_) {
-      ZEL_RPC_LOG(kLogWarn).format("%s Can't create connection to '%s' - transport is shutdown",
-                                   name, endpoint.c_str());
-      return Post_(handler, ShutDown(), nullptr);
-    }
+  if (shutdownRequested_.load()) {
+    ZEL_RPC_LOG(kLogWarn).format("%s Can't create connection to '%s' - transport is shutdown", name,
+                                 endpoint.c_str());
+    return Post_(handler, ShutDown(), nullptr);
   }
   const net::ConnectionResult result =
       params_.net->NewConnection(net::Endpoint(endpoint), options.socket);
@@ -371,11 +366,30 @@ void RpcTransport::CreateConnection_(const std::string& endpoint, const Connecti
     return Post_(handler, ec, nullptr);
   }
   boost::shared_ptr<RpcConnection> connection = MakeConnection_(result.value(), options, 0);
-  ZEL_RPC_LOG(kLogVerbose).format("%s Posting AsyncConnect to new connection object", name);
   std::weak_ptr<RpcTransport> weak = weak_from_this();
   const std::string self = name_;
-  params_.dispatcher->Post([weak, self, connection, endpoint, handler] {
-    connection->AsyncConnect([weak, self, connection, endpoint, handler](const error_code& ec) {
+  // A connection closed while it connects or negotiates calls no connect
+  // handler: until the connect answers, its close does, so that the caller
+  // always hears. Whichever comes first answers.
+  auto answered = std::make_shared<std::atomic<bool>>(false);
+  boost::weak_ptr<RpcConnection> weakConnection = connection;
+  connection->SetOnClose([weak, weakConnection, endpoint, handler, answered](CloseReason) {
+    if (answered->exchange(true)) return;
+    auto transport = weak.lock();
+    auto closed = weakConnection.lock();
+    if (transport && closed) {
+      transport->ConnectCallback_(closed, endpoint,
+                                  error_code(ECONNABORTED, boost::system::system_category()),
+                                  handler);
+    }
+  });
+  ZEL_RPC_LOG(kLogVerbose).format("%s Posting AsyncConnect to new connection object", name);
+  params_.dispatcher->Post([weak, self, connection, endpoint, handler, answered] {
+    connection->AsyncConnect([weak, self, connection, endpoint, handler,
+                              answered](const error_code& ec) {
+      if (answered->exchange(true)) return;
+      // The close handler is the user's from here on.
+      connection->SetOnClose(nullptr);
       if (auto transport = weak.lock()) {
         transport->ConnectCallback_(connection, endpoint, ec, handler);
       } else {
@@ -749,11 +763,18 @@ void RpcTransport::Shutdown() {
   params_.dispatcher->Post([self] { self->DoShutdown_(); });
 }
 
+void RpcTransport::ShutdownNow() {
+  shutdownRequested_.store(true);
+  DoShutdown_();
+}
+
 void RpcTransport::DoShutdown_() {
   std::vector<boost::shared_ptr<RpcConnection>> open;
   std::vector<std::string> listening;
   {
     MutexLock lock(mutex_);
+    // A posted shutdown and the owner's may both come.
+    if (shutdown_) return;
     shutdown_ = true;
     for (const auto& entry : byId_) open.push_back(entry.second);
     for (const auto& entry : listening_) listening.push_back(entry.first);

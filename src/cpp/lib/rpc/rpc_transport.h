@@ -119,6 +119,9 @@ class RpcTransport : public Transport, public std::enable_shared_from_this<RpcTr
   bool SetupForwarding(const boost::shared_ptr<RpcConnection>& source, const std::string& target,
                        const ZelRpcMessage& message, const RpcFramePtr& frame) override;
 
+  // Shutdown on the calling thread, for an owner whose dispatcher may have
+  // stopped.
+  void ShutdownNow();
   // Streams for services or endpoints elsewhere are relayed only when set.
   void SetForwardingEnabled(bool enabled) { forwarding_.store(enabled); }
   RpcEndpointResolver& endpoint_resolver() { return *endpointResolver_; }

@@ -17,68 +17,6 @@ namespace rpc {
 namespace testing {
 namespace {
 
-// What a typed client call received; optionally throws from one callback.
-class Replies : public CallObserver<TestReply> {
- public:
-  enum Throw { kNone, kInNext, kInCallStatus };
-  explicit Replies(Throw when = kNone) : throw_(when) {}
-
-  void Next(const TestReply& reply) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      texts_.push_back(reply.text());
-    }
-    if (throw_ == kInNext) throw std::runtime_error("observer failed");
-  }
-  void CallStatus(const RpcStatus& status) override {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      status_ = status;
-      ++finals_;
-      changed_.notify_all();
-    }
-    if (throw_ == kInCallStatus) throw 42;
-  }
-  RpcStatus Wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, kDeadline, [&] { return finals_ > 0; });
-    return status_;
-  }
-  std::vector<std::string> texts() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return texts_;
-  }
-  int finals() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return finals_;
-  }
-
- private:
-  const Throw throw_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> texts_;
-  RpcStatus status_;
-  int finals_ = 0;
-};
-
-TestRequest Req(const std::string& text, uint32_t answers = 1) {
-  TestRequest r;
-  r.set_text(text);
-  r.set_answers(answers);
-  return r;
-}
-TestRequest Failing(int32_t code) {
-  TestRequest r;
-  r.set_fail_with(code);
-  return r;
-}
-TestRequest Throwing() {
-  TestRequest r;
-  r.set_throw_error(true);
-  return r;
-}
-
 class CallApiTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -7,6 +7,8 @@
 #define ZEL_TESTS_CPP_LIB_RPC_TEST_SERVICE_H_
 
 #include <atomic>
+#include <condition_variable>
+#include <stdexcept>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "cpp/lib/timer/timer_factory.h"
+#include "support/wait.h"
 #include "test_service.zelrpc.pb.h"
 
 namespace zel {
@@ -58,6 +61,68 @@ class TestServiceImpl : public TestService::Service {
   std::vector<TimerPtr> pending_;
   RpcStatus chatFinalStatus_;
 };
+
+// What a typed client call received; optionally throws from one callback.
+class Replies : public CallObserver<TestReply> {
+ public:
+  enum Throw { kNone, kInNext, kInCallStatus };
+  explicit Replies(Throw when = kNone) : throw_(when) {}
+
+  void Next(const TestReply& reply) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      texts_.push_back(reply.text());
+    }
+    if (throw_ == kInNext) throw std::runtime_error("observer failed");
+  }
+  void CallStatus(const RpcStatus& status) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      status_ = status;
+      ++finals_;
+      changed_.notify_all();
+    }
+    if (throw_ == kInCallStatus) throw 42;
+  }
+  RpcStatus Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, zel::testing::kDeadline, [&] { return finals_ > 0; });
+    return status_;
+  }
+  std::vector<std::string> texts() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return texts_;
+  }
+  int finals() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return finals_;
+  }
+
+ private:
+  const Throw throw_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> texts_;
+  RpcStatus status_;
+  int finals_ = 0;
+};
+
+inline TestRequest Req(const std::string& text, uint32_t answers = 1) {
+  TestRequest r;
+  r.set_text(text);
+  r.set_answers(answers);
+  return r;
+}
+inline TestRequest Failing(int32_t code) {
+  TestRequest r;
+  r.set_fail_with(code);
+  return r;
+}
+inline TestRequest Throwing() {
+  TestRequest r;
+  r.set_throw_error(true);
+  return r;
+}
 
 }  // namespace testing
 }  // namespace rpc

@@ -1,0 +1,84 @@
+#include "cpp/lib/rpc/zel_rpc_provider.h"
+
+#include <chrono>
+#include <future>
+
+#include "cpp/lib/common/asio_dispatcher.h"
+#include "cpp/lib/common/logger.h"
+#include "cpp/lib/metrics/metric_registry.h"
+#include "cpp/lib/net/net_name_resolver.h"
+#include "cpp/lib/net/net_transport.h"
+#include "cpp/lib/rpc/channel_impl.h"
+#include "cpp/lib/rpc/channel_scheduler.h"
+#include "cpp/lib/rpc/method.h"
+#include "cpp/lib/rpc/rpc_transport.h"
+#include "cpp/lib/timer/impl/asio_timer_factory.h"
+
+namespace zel {
+namespace rpc {
+namespace {
+
+constexpr int kDrainRounds = 4;
+constexpr std::chrono::seconds kDrainWait{1};
+
+}  // namespace
+
+std::shared_ptr<AsioZelRpcProvider> AsioZelRpcProvider::Create(
+    const boost::property_tree::ptree& config, ProviderStartupOptions options,
+    std::shared_ptr<net::SecurityManager> security) {
+  return std::shared_ptr<AsioZelRpcProvider>(
+      new AsioZelRpcProvider(config, options, std::move(security)));
+}
+
+AsioZelRpcProvider::AsioZelRpcProvider(const boost::property_tree::ptree& config,
+                                       ProviderStartupOptions options,
+                                       std::shared_ptr<net::SecurityManager> security)
+    : base_(AsioZelProvider::Create(config, options)) {
+  const boost::shared_ptr<AsioDispatcher>& dispatcher = base_->GetDispatcher();
+  timers_ = std::make_shared<AsioTimerFactory>(dispatcher->GetIoContextHandle());
+  const metrics::MetricKeyPtr root = base_->GetMetricRegistry().root();
+  ZEL_RPC_LOG(kLogVerbose).format("RpcMetrics: created");
+  names_ = std::make_shared<net::NetNameResolver>(dispatcher->GetIoContextHandle());
+  net_ = std::make_shared<net::NetTransport>(net::NetTransport::Params{
+      dispatcher, dispatcher->GetIoContextHandle(), timers_, names_, std::move(security), root});
+  registry_ = std::make_shared<RpcServiceRegistry>();
+  scheduler_ = std::make_shared<AsioChannelScheduler>(dispatcher, root);
+  channels_ = std::make_shared<ChannelFactory>(scheduler_, registry_, timers_, root);
+  transport_ = RpcTransport::Create(
+      RpcTransport::Params{net_, channels_, registry_, dispatcher, timers_, root});
+}
+
+AsioZelRpcProvider::~AsioZelRpcProvider() {
+  // The transport goes down first, on this thread: the dispatcher may not be
+  // running any more to take a posted shutdown.
+  transport_->ShutdownNow();
+  net_->Shutdown();
+  names_->Shutdown();
+  // Closing a socket is itself a posted step, and its pending reads answer
+  // in further ones: let a running dispatcher take a few rounds of them, so
+  // that peers see the connections end, before it is stopped with force.
+  const boost::shared_ptr<AsioDispatcher>& dispatcher = base_->GetDispatcher();
+  if (base_->IsRunning() && !dispatcher->IsOwnThread()) {
+    for (int round = 0; round < kDrainRounds; ++round) {
+      auto drained = std::make_shared<std::promise<void>>();
+      dispatcher->Post([drained] { drained->set_value(); });
+      if (drained->get_future().wait_for(kDrainWait) != std::future_status::ready) break;
+    }
+  }
+  if (base_->IsRunning()) base_->Stop();
+  base_->GetDispatcher()->StopAndWait(true);
+  transport_.reset();
+  channels_.reset();
+  scheduler_.reset();
+  registry_.reset();
+  net_.reset();
+  names_.reset();
+  ZEL_RPC_LOG(kLogVerbose).format("RpcMetrics: destroying");
+}
+
+const boost::shared_ptr<AsioDispatcher>& AsioZelRpcProvider::GetDispatcher() const {
+  return base_->GetDispatcher();
+}
+
+}  // namespace rpc
+}  // namespace zel
