@@ -281,7 +281,9 @@ void Resolver<K, V, E, P>::Resolve(const K& key, Handler handler) {
       Log(kLogWarn, "%s Inactive - failing request for '%s'", text.c_str());
       out.deliveries.push_back(
           {std::move(handler), ShutDownError(), V()});
-    } else if (it == entries_.end() && default_) {
+    } else if (default_ && (it == entries_.end() || it->second.state == State::INIT ||
+                            it->second.state == State::RESOLVING)) {
+      // Every name without an answer of its own goes to the default.
       out.deliveries.push_back({std::move(handler), {}, *default_});
     } else {
       if (it == entries_.end()) it = Make_(key);
@@ -388,14 +390,25 @@ void Resolver<K, V, E, P>::RemoveMapping(const K& key, const V& value) {
 
 template <class K, class V, class E, class P>
 void Resolver<K, V, E, P>::SetDefault(const V& value) {
-  MutexLock lock(mutex_);
-  if (!active_) {
-    Log(kLogDebug, "%s Inactive - ignoring default mapping update to '%s'",
-        ResolverText(value).c_str());
-    return;
+  Outbox out;
+  {
+    MutexLock lock(mutex_);
+    if (!active_) {
+      Log(kLogDebug, "%s Inactive - ignoring default mapping update to '%s'",
+          ResolverText(value).c_str());
+      return;
+    }
+    Log(kLogVerbose, "%s Adding default mapping to '%s'", ResolverText(value).c_str());
+    default_ = value;
+    // Requests waiting for a name of no answer take the default now.
+    for (auto& entry : entries_) {
+      if (entry.second.state != State::RESOLVING) continue;
+      for (Handler& h : entry.second.requests) out.deliveries.push_back({std::move(h), {}, value});
+      entry.second.requests.clear();
+      SetState_(entry.second, State::INIT);
+    }
   }
-  Log(kLogVerbose, "%s Adding default mapping to '%s'", ResolverText(value).c_str());
-  default_ = value;
+  Send_(out);
 }
 
 template <class K, class V, class E, class P>

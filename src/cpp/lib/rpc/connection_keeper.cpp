@@ -126,7 +126,6 @@ void ConnectionKeeper::ConnectImpl_() {
   }
   if (old) {
     ZEL_RPC_LOG(kLogVerbose).format("%s closing and releasing connection cid:%u", name, old->id());
-    old->SetOnClose(nullptr);
     old->Close(CloseReason::CLOSED_BY_USER);
   }
   std::weak_ptr<ConnectionKeeper> weak = weak_from_this();
@@ -179,34 +178,45 @@ void ConnectionKeeper::OnConnect_(const error_code& ec,
   }
   if (!failed) {
     ZEL_RPC_LOG(kLogVerbose).format("%s established connection cid:%u", name, connection->id());
+    // A watcher rather than the one close handler: the transport shares the
+    // connection, and another user may hold that.
     std::weak_ptr<ConnectionKeeper> weak = weak_from_this();
-    if (!connection->SetOnClose([weak](CloseReason reason) {
-          if (auto self = weak.lock()) self->OnClose_(reason);
+    const std::string self = name_;
+    const uint32_t id = connection->id();
+    if (!connection->AddCloseWatcher([weak, self, id](CloseReason reason) {
+          if (auto keeper = weak.lock()) {
+            keeper->OnClose_(reason, id);
+          } else {
+            ZEL_RPC_LOG(kLogVerbose).format("%s was destroyed before OnClose_ was called",
+                                            self.c_str());
+          }
         })) {
       ZEL_RPC_LOG(kLogWarn).format(
           "%s failed to register an OnClose callback: discarding connection in bad state", name);
       failed = true;
     }
   }
-  if (!failed) {
-    {
-      MutexLock lock(mutex_);
+  bool scheduled = false;
+  {
+    MutexLock lock(mutex_);
+    // A Reset while the lock was free wins: the connection is not taken.
+    if (state_ != State::CONNECTING) return;
+    if (!failed) {
       policy_.Reset();
       state_ = State::CONNECTED;
       connection_ = connection;
+    } else {
+      scheduled = Schedule_("%s scheduling connection attempt in %li ms");
+      if (!scheduled) state_ = State::IDLE;
     }
+  }
+  if (!failed) {
     ZEL_RPC_LOG(kLogVerbose).format("%s posting connect handler onto user dispatcher", name);
     if (params_.on_connect) {
       auto handler = params_.on_connect;
       PostUser_([handler, connection] { handler(connection); });
     }
     return;
-  }
-  bool scheduled;
-  {
-    MutexLock lock(mutex_);
-    scheduled = Schedule_("%s scheduling connection attempt in %li ms");
-    if (!scheduled) state_ = State::IDLE;
   }
   if (!scheduled) {
     ZEL_RPC_LOG(kLogWarn).format(
@@ -235,8 +245,14 @@ void ConnectionKeeper::OnTimer_() {
   ConnectImpl_();
 }
 
-void ConnectionKeeper::OnClose_(CloseReason reason) {
+void ConnectionKeeper::OnClose_(CloseReason reason, uint32_t id) {
   const char* name = name_.c_str();
+  {
+    // Only the kept connection counts: one the keeper replaced or let go
+    // closes quietly.
+    MutexLock lock(mutex_);
+    if (state_ != State::CONNECTED || !connection_ || connection_->id() != id) return;
+  }
   ZEL_RPC_LOG(kLogVerbose).format("%s posting close into user dispatcher", name);
   if (params_.on_close) {
     auto handler = params_.on_close;
@@ -245,9 +261,9 @@ void ConnectionKeeper::OnClose_(CloseReason reason) {
   ZEL_RPC_LOG(kLogVerbose).format("%s posting ReconnectMaybe_", name);
   std::weak_ptr<ConnectionKeeper> weak = weak_from_this();
   const std::string self = name_;
-  params_.dispatcher->Post([weak, self] {
+  params_.dispatcher->Post([weak, self, id] {
     if (auto keeper = weak.lock()) {
-      keeper->ReconnectMaybe_();
+      keeper->ReconnectMaybe_(id);
     } else {
       ZEL_RPC_LOG(kLogVerbose).format("%s was destroyed before ReconnectMaybe_ had a chance to run",
                                       self.c_str());
@@ -255,10 +271,11 @@ void ConnectionKeeper::OnClose_(CloseReason reason) {
   });
 }
 
-void ConnectionKeeper::ReconnectMaybe_() {
+void ConnectionKeeper::ReconnectMaybe_(uint32_t id) {
   const char* name = name_.c_str();
   MutexLock lock(mutex_);
-  if (state_ != State::CONNECTED) return;  // reset or reconnected meanwhile
+  // Reset or reconnected meanwhile.
+  if (state_ != State::CONNECTED || !connection_ || connection_->id() != id) return;
   connection_.reset();
   state_ = State::IDLE;
   const bool will = MayRetry(policy_);
@@ -284,7 +301,6 @@ void ConnectionKeeper::Reset() {
   if (connection) {
     ZEL_RPC_LOG(kLogVerbose).format("%s closing and releasing connection cid:%u", name_.c_str(),
                                     connection->id());
-    connection->SetOnClose(nullptr);
     connection->Close(CloseReason::CLOSED_BY_USER);
   }
 }

@@ -84,8 +84,9 @@ class ConnectionKeeper : public std::enable_shared_from_this<ConnectionKeeper> {
   void OnConnect_(const boost::system::error_code& ec,
                   const boost::shared_ptr<RpcConnection>& connection);
   void OnTimer_();
-  void OnClose_(CloseReason reason);
-  void ReconnectMaybe_();
+  // The connection `id` closed.
+  void OnClose_(CloseReason reason, uint32_t id);
+  void ReconnectMaybe_(uint32_t id);
   // Arms the back-off; false when the policy has run out.
   bool Schedule_(const char* what) REQUIRES(mutex_);
   void PostUser_(std::function<void()> fn);

@@ -897,9 +897,7 @@ void RpcConnection::OpenStream_(const ZelRpcMessage& message, uint32_t priority)
   const std::string target = hasDestination && !local ? "zel://" + control.destination()
                                                        : "service://" + control.service();
   if (!transport->SetupForwarding(shared_from_this(), target, message, message.received)) {
-    ReplyClose_(message, priority,
-                "Failed to setup forwarding for " +
-                    (hasDestination && !local ? control.destination() : control.service()));
+    ReplyClose_(message, priority, "Failed to setup forwarding for " + control.service());
   }
 }
 
@@ -1086,6 +1084,13 @@ bool RpcConnection::SetOnClose(CloseHandler handler) {
   return true;
 }
 
+bool RpcConnection::AddCloseWatcher(CloseHandler watcher) {
+  MutexLock lock(mutex_);
+  if (state_ == State::CLOSED) return false;
+  closeWatchers_.push_back(std::move(watcher));
+  return true;
+}
+
 bool RpcConnection::deferred_close_armed() const {
   MutexLock lock(mutex_);
   return deferredCloseTimer_ != nullptr;
@@ -1113,6 +1118,8 @@ void RpcConnection::Close(CloseReason reason) {
   std::unordered_map<StreamId, boost::shared_ptr<ChannelImpl>, StreamIdHash> channels;
   std::unordered_map<StreamId, std::shared_ptr<StreamForwarder>, StreamIdHash> forwarders;
   CloseHandler handler;
+  ConnectHandler unanswered;
+  std::vector<CloseHandler> watchers;
   std::string name;
   TimerPtr negotiation, keepalive, deferred;
   {
@@ -1133,6 +1140,11 @@ void RpcConnection::Close(CloseReason reason) {
     forwarders.swap(forwarders_);
     handler = std::move(closeHandler_);
     closeHandler_ = nullptr;
+    // A connect that never finished gets no answer (the close handler tells
+    // of the end); what its handler holds goes with it.
+    unanswered = std::move(connectHandler_);
+    connectHandler_ = nullptr;
+    watchers.swap(closeWatchers_);
   }
   std::shared_ptr<TransportInterface> transport = transport_.lock();
   if (!transport) {
@@ -1158,6 +1170,7 @@ void RpcConnection::Close(CloseReason reason) {
   net_->Close(net::CloseReason::BY_USER);
   CountClose_(reason);
   if (handler) handler(reason);
+  for (const CloseHandler& watcher : watchers) watcher(reason);
 }
 
 void RpcConnection::CountClose_(CloseReason reason) {

@@ -208,6 +208,9 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   std::string GetInfo() const override;
   void Close(CloseReason reason) override;
   bool SetOnClose(CloseHandler handler) override;
+  // Adds one of any number of watchers, called with the reason after the
+  // close handler when the connection closes; false on a closed one.
+  bool AddCloseWatcher(CloseHandler watcher);
   void ScheduleDeferredClose() override;
   std::string ToString() const override;
 
@@ -313,6 +316,7 @@ class RpcConnection : public Connection, public boost::enable_shared_from_this<R
   std::unordered_map<StreamId, std::shared_ptr<StreamForwarder>, StreamIdHash> forwarders_ GUARDED_BY(mutex_);
   ConnectHandler connectHandler_ GUARDED_BY(mutex_);
   CloseHandler closeHandler_ GUARDED_BY(mutex_);
+  std::vector<CloseHandler> closeWatchers_ GUARDED_BY(mutex_);
   TimerPtr negotiationTimer_ GUARDED_BY(mutex_);
   TimerPtr keepaliveTimer_ GUARDED_BY(mutex_);
   TimerPtr deferredCloseTimer_ GUARDED_BY(mutex_);

@@ -86,40 +86,51 @@ bool RpcStreamForwarder::Forward(const RpcFramePtr& frame,
 void RpcStreamForwarder::Bind(const boost::shared_ptr<RpcConnection>& destination) {
   const std::string to = destination->ToString();
   ZEL_RPC_LOG(kLogVerbose).format("%s Binding to %s", name_.c_str(), to.c_str());
-  std::deque<RpcFramePtr> queued;
-  {
-    MutexLock lock(mutex_);
-    if (!active_) {
-      ZEL_RPC_LOG(kLogVerbose).format("%s Is inactive - won't bind to destination %s",
-                                      name_.c_str(), to.c_str());
-      metrics_.Mark(kBindFailure);
-      return;
-    }
+  if (!active()) {
+    ZEL_RPC_LOG(kLogVerbose).format("%s Is inactive - won't bind to destination %s", name_.c_str(),
+                                    to.c_str());
+    metrics_.Mark(kBindFailure);
+    return;
   }
   if (!destination->AddStreamForwarder(id_, shared_from_this())) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc60)
         .format("%s Failed to bind to %s", name_.c_str(), to.c_str());
     metrics_.Mark(kBindFailure);
+    // Nothing can take the stream's frames: it ends here.
     Release(CloseReason::NETWORK_ERROR);
     return;
   }
   {
     MutexLock lock(mutex_);
+    if (!active_) {
+      // Released while binding: the destination lets go of it too.
+      lock.Unlock();
+      metrics_.Mark(kBindFailure);
+      destination->ReleaseStreamForwarder(id_, std::nullopt);
+      return;
+    }
     destination_ = destination;
-    metrics_.Mark(kBindSuccess);
-    // Frames that arrive from here on wait behind the queue: the queue goes
-    // out before the lock lets them through.
-    while (!queued_.empty()) {
-      RpcFramePtr frame = std::move(queued_.front());
-      queued_.pop_front();
+  }
+  metrics_.Mark(kBindSuccess);
+  // The queue goes out in order, without the lock; frames that come
+  // meanwhile join its end, until it is empty and frames pass straight on.
+  for (;;) {
+    std::deque<RpcFramePtr> batch;
+    {
+      MutexLock lock(mutex_);
+      if (queued_.empty() || !active_) {
+        bound_ = active_;
+        return;
+      }
+      batch.swap(queued_);
+    }
+    for (const RpcFramePtr& frame : batch) {
       ZEL_RPC_LOG(kLogDebug).format("%s Sending queued frame", name_.c_str());
       metrics_.Mark(kTxFrames);
       metrics_.Add(kTxBytes, frame->size());
-      // Send only queues the frame on the connection.
       destination->Send(frame, priority_);
     }
-    bound_ = true;
   }
 }
 

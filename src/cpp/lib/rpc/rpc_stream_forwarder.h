@@ -15,7 +15,7 @@
 //
 // Threads: Forward runs on the read threads of both connections, Bind on the
 // transport's dispatcher; one lock orders them. It is not held while frames
-// are sent.
+// are sent: until the queue has gone out, new frames join its end.
 #ifndef ZEL_RPC_RPC_STREAM_FORWARDER_H_
 #define ZEL_RPC_RPC_STREAM_FORWARDER_H_
 

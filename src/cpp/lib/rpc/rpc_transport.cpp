@@ -169,6 +169,13 @@ void RpcTransport::RemoteServiceManagerImpl::OnResolved_(
       service.connection = connection;
       for (const auto& f : waiting) service.bound.push_back(f);
     }
+    // Every forwarder went while the name was looked up: the last one takes
+    // the service with it.
+    if (waiting.empty() && service.bound.empty()) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Destroying RemoteService[%s]", name_.c_str(),
+                                      target.c_str());
+      services_.erase(it);
+    }
   }
   for (const auto& f : waiting) {
     if (ec || !connection) {
@@ -279,13 +286,15 @@ void RpcTransport::GetConnection(const std::string& url, const ConnectionOptions
   ZEL_RPC_LOG(kLogVerbose).format("%s Resolving '%s'...", name, url.c_str());
   std::weak_ptr<RpcTransport> weak = weak_from_this();
   const std::string self = name_;
-  table->Resolve(key, [weak, self, url, key, options, handler](const error_code& ec,
-                                                               const RpcRoute& route) {
+  const char* const gone = parsed.scheme() == "service"
+                               ? "%s Ignoring RemoteServiceResolveHandler - already destroyed"
+                               : "%s Ignoring EndpointResolveHandler - already destroyed";
+  table->Resolve(key, [weak, self, gone, url, key, options, handler](const error_code& ec,
+                                                                     const RpcRoute& route) {
     if (auto transport = weak.lock()) {
       transport->OnResolved_(url, key, ec, route, options, handler);
     } else {
-      ZEL_RPC_LOG(kLogVerbose).format("%s Ignoring EndpointResolveHandler - already destroyed",
-                                      self.c_str());
+      ZEL_RPC_LOG(kLogVerbose).format(gone, self.c_str());
     }
   });
 }
@@ -366,6 +375,10 @@ void RpcTransport::CreateConnection_(const std::string& endpoint, const Connecti
     return Post_(handler, ec, nullptr);
   }
   boost::shared_ptr<RpcConnection> connection = MakeConnection_(result.value(), options, 0);
+  {
+    MutexLock lock(mutex_);
+    pending_[connection->id()] = connection;
+  }
   std::weak_ptr<RpcTransport> weak = weak_from_this();
   const std::string self = name_;
   // A connection closed while it connects or negotiates calls no connect
@@ -407,6 +420,10 @@ void RpcTransport::ConnectCallback_(const boost::shared_ptr<RpcConnection>& conn
                                     const ConnectHandler& handler) {
   const char* name = name_.c_str();
   if (ec) {
+    {
+      MutexLock lock(mutex_);
+      pending_.erase(connection->id());
+    }
     ZEL_RPC_LOG(kLogWarn).format("%s Unable to connect to %s: %i-%s", name, endpoint.c_str(),
                                  ec.value(), ec.message().c_str());
     ZEL_RPC_LOG(kLogVerbose).format("%s Posting user connect handler for %s with status %i-%s",
@@ -415,6 +432,10 @@ void RpcTransport::ConnectCallback_(const boost::shared_ptr<RpcConnection>& conn
   }
   ZEL_RPC_LOG(kLogVerbose).format("%s ConnectCallback for %s invoked with success", name,
                                   endpoint.c_str());
+  {
+    MutexLock lock(mutex_);
+    pending_.erase(connection->id());
+  }
   if (!Register_(connection, endpoint)) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc8)
@@ -486,58 +507,59 @@ void RpcTransport::UnregisterConnection(const RpcConnection& connection) {
   ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering %s", name, text.c_str());
   boost::shared_ptr<RpcConnection> registered;
   ConnectionHandler down;
-  {
-    MutexLock lock(mutex_);
-    auto e = endpointOf_.find(connection.id());
-    auto byEndpoint = e == endpointOf_.end() ? byEndpoint_.end() : byEndpoint_.find(e->second);
-    if (byEndpoint == byEndpoint_.end()) {
-      ZEL_RPC_LOG(kLogWarn).format("%s Cannot unregister %s (by endpoint) - not registered", name,
-                                   text.c_str());
-    } else if (byEndpoint->second.get() != &connection) {
-      ZEL_RPC_LOG(kLogWarn).format(
-          "%s Cannot unregister %s (by endpoint) - does not match the registered one", name,
-          text.c_str());
-    } else {
-      byEndpoint_.erase(byEndpoint);
-    }
-    if (e != endpointOf_.end()) endpointOf_.erase(e);
-    auto byId = byId_.find(connection.id());
-    if (byId == byId_.end()) {
-      ZEL_RPC_LOG(kLogWarn).format("%s Cannot unregister %s (by id) - not registered", name,
-                                   text.c_str());
-      return;
-    }
-    if (byId->second.get() != &connection) {
-      ZEL_RPC_LOG(kLogWarn).format(
-          "%s Cannot unregister %s (by id) - does not match the registered one", name,
-          text.c_str());
-      return;
-    }
+  MutexLock lock(mutex_);
+  pending_.erase(connection.id());
+  auto e = endpointOf_.find(connection.id());
+  auto byEndpoint = e == endpointOf_.end() ? byEndpoint_.end() : byEndpoint_.find(e->second);
+  if (byEndpoint == byEndpoint_.end()) {
+    ZEL_RPC_LOG(kLogWarn).format("%s Cannot unregister %s (by endpoint) - not registered", name,
+                                 text.c_str());
+  } else if (byEndpoint->second.get() != &connection) {
+    ZEL_RPC_LOG(kLogWarn).format(
+        "%s Cannot unregister %s (by endpoint) - does not match the registered one", name,
+        text.c_str());
+  } else {
+    byEndpoint_.erase(byEndpoint);
+  }
+  if (e != endpointOf_.end()) endpointOf_.erase(e);
+  auto byId = byId_.find(connection.id());
+  if (byId == byId_.end()) {
+    ZEL_RPC_LOG(kLogWarn).format("%s Cannot unregister %s (by id) - not registered", name,
+                                 text.c_str());
+  } else if (byId->second.get() != &connection) {
+    ZEL_RPC_LOG(kLogWarn).format(
+        "%s Cannot unregister %s (by id) - does not match the registered one", name,
+        text.c_str());
+  } else {
     registered = byId->second;
     byId_.erase(byId);
-    if (defaultEndpointId_ == connection.id()) {
-      ZEL_RPC_LOG(kLogInfo).format("%s Resetting default endpoint resolution", name);
-      endpointResolver_->ResetDefault();
-      defaultEndpointId_ = 0;
+  }
+  if (defaultEndpointId_ == connection.id()) {
+    ZEL_RPC_LOG(kLogInfo).format("%s Resetting default endpoint resolution", name);
+    endpointResolver_->ResetDefault();
+    defaultEndpointId_.reset();
+  }
+  if (defaultServiceId_ == connection.id()) {
+    ZEL_RPC_LOG(kLogInfo).format("%s Resetting default service resolution", name);
+    serviceResolver_->ResetDefault();
+    defaultServiceId_.reset();
+  }
+  // What the connection announced goes in any case; the tables compare the
+  // route, so another connection's mappings stay.
+  if (registered) {
+    const RpcRoute route{"", registered};
+    const std::vector<std::string> ids = registered->remote_endpoint_ids();
+    if (!ids.empty()) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote endpoint ids '%s' @ %s", name,
+                                      Joined(ids).c_str(), text.c_str());
+      for (const std::string& id : ids) endpointResolver_->RemoveMapping(id, route);
     }
-    if (defaultServiceId_ == connection.id()) {
-      ZEL_RPC_LOG(kLogInfo).format("%s Resetting default service resolution", name);
-      serviceResolver_->ResetDefault();
-      defaultServiceId_ = 0;
+    for (const std::string& service : registered->remote_services()) {
+      ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote service '%s' @ %s", name,
+                                      service.c_str(), text.c_str());
+      serviceResolver_->RemoveMapping(service, route);
     }
     down = onDown_;
-  }
-  const RpcRoute route{"", registered};
-  const std::vector<std::string> ids = registered->remote_endpoint_ids();
-  if (!ids.empty()) {
-    ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote endpoint ids '%s' @ %s", name,
-                                    Joined(ids).c_str(), text.c_str());
-    for (const std::string& id : ids) endpointResolver_->RemoveMapping(id, route);
-  }
-  for (const std::string& service : registered->remote_services()) {
-    ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote service '%s' @ %s", name,
-                                    service.c_str(), text.c_str());
-    serviceResolver_->RemoveMapping(service, route);
   }
   if (down) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Posting connection down handler for %s", name,
@@ -562,8 +584,11 @@ void RpcTransport::ConnectionSettings(const boost::shared_ptr<RpcConnection>& co
     const char* name = self.c_str();
     const std::string text = connection->ToString();
     ZEL_RPC_LOG(kLogVerbose).format("%s Processing internal ConnectionSettings update", name);
-    // A connection that closed meanwhile has already been unregistered.
-    if (connection->state() == RpcConnection::State::CLOSED) return;
+    // Under the lock, against an unregister: a connection that has gone
+    // meanwhile leaves no mapping behind.
+    MutexLock lock(transport->mutex_);
+    auto it = transport->byId_.find(connection->id());
+    if (it == transport->byId_.end() || it->second != connection) return;
     const RpcRoute route{"", connection};
     if (!endpointIds.empty()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Registering remote endpoint ids '%s' @ %s", name,
@@ -777,6 +802,10 @@ void RpcTransport::DoShutdown_() {
     if (shutdown_) return;
     shutdown_ = true;
     for (const auto& entry : byId_) open.push_back(entry.second);
+    for (const auto& entry : pending_) {
+      if (auto c = entry.second.lock()) open.push_back(c);
+    }
+    pending_.clear();
     for (const auto& entry : listening_) listening.push_back(entry.first);
     listening_.clear();
   }

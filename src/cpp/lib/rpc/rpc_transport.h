@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include <boost/smart_ptr/shared_ptr.hpp>
+#include <boost/smart_ptr/weak_ptr.hpp>
 #include <boost/system/error_code.hpp>
 
 #include "cpp/lib/common/mutex.h"
@@ -180,8 +182,11 @@ class RpcTransport : public Transport, public std::enable_shared_from_this<RpcTr
   std::unordered_set<std::string> localIds_ GUARDED_BY(mutex_);
   std::map<std::string, ConnectionOptions> listening_ GUARDED_BY(mutex_);
   // The gateway connections that answer names without a mapping.
-  uint32_t defaultEndpointId_ GUARDED_BY(mutex_) = 0;
-  uint32_t defaultServiceId_ GUARDED_BY(mutex_) = 0;
+  std::optional<uint32_t> defaultEndpointId_ GUARDED_BY(mutex_);
+  std::optional<uint32_t> defaultServiceId_ GUARDED_BY(mutex_);
+  // Outbound connections still connecting or negotiating, closed by a
+  // shutdown like the registered ones.
+  std::map<uint32_t, boost::weak_ptr<RpcConnection>> pending_ GUARDED_BY(mutex_);
   ConnectionHandler onUp_ GUARDED_BY(mutex_);
   ConnectionHandler onDown_ GUARDED_BY(mutex_);
 };

@@ -82,6 +82,13 @@ void StubCreatorBase::Start_(Completion completion) {
   std::weak_ptr<StubCreatorBase> weak = weak_from_this();
   {
     MutexLock lock(mutex_);
+    if (completion_ || attempts_ > 0) {
+      // One creation per creator: a second caller hears at once.
+      lock.Unlock();
+      ZEL_RPC_LOG(kLogWarn).format("%s Stub creation already initiated", name);
+      completion(error_code(EALREADY, boost::system::generic_category()), nullptr);
+      return;
+    }
     completion_ = std::move(completion);
     if (timeoutMs_ < 1) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Stub creation timeout is infinite", name);
@@ -134,6 +141,7 @@ void StubCreatorBase::OnChannel_(const error_code& ec, const ChannelPtr& channel
     MutexLock lock(mutex_);
     if (!completion_) {
       // Timed out meanwhile: the late channel is not wanted.
+      lock.Unlock();
       if (channel && !ec) channel->Close(CloseReason::CLOSED_BY_USER);
       return;
     }

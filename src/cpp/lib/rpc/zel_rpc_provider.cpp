@@ -38,12 +38,13 @@ AsioZelRpcProvider::AsioZelRpcProvider(const boost::property_tree::ptree& config
   timers_ = std::make_shared<AsioTimerFactory>(dispatcher->GetIoContextHandle());
   const metrics::MetricKeyPtr root = base_->GetMetricRegistry().root();
   ZEL_RPC_LOG(kLogVerbose).format("RpcMetrics: created");
-  names_ = std::make_shared<net::NetNameResolver>(dispatcher->GetIoContextHandle());
-  net_ = std::make_shared<net::NetTransport>(net::NetTransport::Params{
-      dispatcher, dispatcher->GetIoContextHandle(), timers_, names_, std::move(security), root});
   registry_ = std::make_shared<RpcServiceRegistry>();
   scheduler_ = std::make_shared<AsioChannelScheduler>(dispatcher, root);
   channels_ = std::make_shared<ChannelFactory>(scheduler_, registry_, timers_, root);
+  // The RPC transport comes last, on its network layer.
+  names_ = std::make_shared<net::NetNameResolver>(dispatcher->GetIoContextHandle());
+  net_ = std::make_shared<net::NetTransport>(net::NetTransport::Params{
+      dispatcher, dispatcher->GetIoContextHandle(), timers_, names_, std::move(security), root});
   transport_ = RpcTransport::Create(
       RpcTransport::Params{net_, channels_, registry_, dispatcher, timers_, root});
 }
@@ -66,13 +67,19 @@ AsioZelRpcProvider::~AsioZelRpcProvider() {
     }
   }
   if (base_->IsRunning()) base_->Stop();
-  base_->GetDispatcher()->StopAndWait(true);
+  if (dispatcher->IsOwnThread()) {
+    // The last reference went on one of the dispatcher's own threads, which
+    // can't wait for itself: the threads end by themselves once stopped.
+    dispatcher->Stop(true);
+  } else {
+    dispatcher->StopAndWait(true);
+  }
   transport_.reset();
+  net_.reset();
+  names_.reset();
   channels_.reset();
   scheduler_.reset();
   registry_.reset();
-  net_.reset();
-  names_.reset();
   ZEL_RPC_LOG(kLogVerbose).format("RpcMetrics: destroying");
 }
 

@@ -127,13 +127,28 @@ TEST_F(CallApiTest, AnObserverThatThrowsFailsTheCallOnceAndAnEndingOneIsOnlyLogg
   EXPECT_EQ(failing->Wait().code(), APPLICATION_ERROR);
   EXPECT_EQ(failing->texts().size(), 1u) << "nothing reaches an observer after it threw";
 
+  // A server that cancels tells no one: its own call ends, cancelled.
+  {
+    auto quiet = std::make_shared<Replies>();
+    TestRequest cancel = Req("z");
+    cancel.set_cancel(true);
+    auto writer = stub_->Chat(ClientContext(), quiet);
+    writer->Write(Req("first"));
+    writer->Write(cancel);
+    ASSERT_TRUE(zel::testing::WaitUntil([&] { return service_->chat_finals().size() == 1; }));
+    EXPECT_EQ(service_->chat_finals()[0].code(), CANCELED);
+    EXPECT_EQ(quiet->texts(), std::vector<std::string>{"first"});
+    writer->Cancel();
+    EXPECT_EQ(writer->Wait(kDeadline).code(), CANCELED);
+  }
+
   // The peer hears the code.
   auto chatting = std::make_shared<Replies>(Replies::kInNext);
   auto writer = stub_->Chat(ClientContext(), chatting);
   writer->Write(Req("c"));
   EXPECT_EQ(writer->Wait(kDeadline).code(), APPLICATION_ERROR);
-  ASSERT_TRUE(zel::testing::WaitUntil([&] { return service_->chat_final_status().IsSet(); }));
-  EXPECT_EQ(service_->chat_final_status().code(), APPLICATION_ERROR);
+  ASSERT_TRUE(zel::testing::WaitUntil([&] { return service_->chat_finals().size() == 2; }));
+  EXPECT_EQ(service_->chat_finals()[1].code(), APPLICATION_ERROR);
 
   auto ending = std::make_shared<Replies>(Replies::kInCallStatus);
   stub_->Echo(ClientContext(), Req("e"), ending);

@@ -235,7 +235,7 @@ TEST_F(RpcConnectionTest, StreamsThePeerDidNotOpen) {
   peer.Send(far);
   std::optional<ZelRpcMessage> reply = peer.Receive();
   ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(reply->stream_control.deprecated_close_reason(), "Failed to setup forwarding for elsewhere");
+  EXPECT_EQ(reply->stream_control.deprecated_close_reason(), "Failed to setup forwarding for orvane.zel.Other");
   EXPECT_EQ(rig_.transport->forwardTargets, std::vector<std::string>{"zel://elsewhere"});
   EXPECT_EQ(server->state(), State::CONNECTED);
 }

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace zel {
 namespace rpc {
@@ -47,9 +48,9 @@ std::string TestServiceImpl::last_header(const std::string& key) {
   return it == headers_.end() ? "" : it->second;
 }
 
-RpcStatus TestServiceImpl::chat_final_status() {
+std::vector<RpcStatus> TestServiceImpl::chat_finals() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return chatFinalStatus_;
+  return chatFinals_;
 }
 
 void TestServiceImpl::Echo(const ServerContext& context, const TestRequest& request,
@@ -75,6 +76,8 @@ CallObserverPtr<TestRequest> TestServiceImpl::Collect(const ServerContext&,
     StreamWriterPtr<TestReply> writer;
     std::string joined;
     void Next(const TestRequest& r) override {
+      // A slow consumer on purpose: it holds the channel's thread.
+      if (r.pause_us()) std::this_thread::sleep_for(std::chrono::microseconds(r.pause_us()));
       if (r.throw_error()) throw std::runtime_error("asked to throw");
       if (r.has_fail_with()) writer->Done(RpcStatus(r.fail_with()));
       if (r.cancel()) writer->Cancel();
@@ -106,7 +109,7 @@ CallObserverPtr<TestRequest> TestServiceImpl::Chat(const ServerContext&,
     void RemoteStatus(const RpcStatus&) override { writer->Done(RpcStatus::Success()); }
     void CallStatus(const RpcStatus& status) override {
       std::lock_guard<std::mutex> lock(service->mutex_);
-      service->chatFinalStatus_ = status;
+      service->chatFinals_.push_back(status);
     }
   };
   auto chatter = std::make_shared<Chatter>();

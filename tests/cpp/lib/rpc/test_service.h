@@ -47,8 +47,8 @@ class TestServiceImpl : public TestService::Service {
   int calls() const { return calls_.load(); }
   // The headers of the last call.
   std::string last_header(const std::string& key);
-  // The final status of the last Chat call on the server's side.
-  RpcStatus chat_final_status();
+  // The final statuses of the Chat calls on the server's side, in order.
+  std::vector<RpcStatus> chat_finals();
 
  private:
   // Runs `fn` now, or after the request's delay.
@@ -59,7 +59,7 @@ class TestServiceImpl : public TestService::Service {
   std::mutex mutex_;
   std::unordered_map<std::string, std::string> headers_;
   std::vector<TimerPtr> pending_;
-  RpcStatus chatFinalStatus_;
+  std::vector<RpcStatus> chatFinals_;
 };
 
 // What a typed client call received; optionally throws from one callback.
