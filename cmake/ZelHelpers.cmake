@@ -46,12 +46,17 @@ endfunction()
 
 # Messages and RPC glue (stubs and services) of .proto files, generated at
 # build time by protoc and tools/protoc-gen-zelrpc into <build dir>/gen:
-#   zel_rpc_proto_library(NAME echo_proto PROTOS echo.proto)
+#   zel_rpc_proto_library(NAME echo_proto PROTOS echo.proto [NAMESPACE zelrpc])
 # gives the library echo_proto, whose users include "echo.pb.h" and
 # "echo.zelrpc.pb.h". Imports resolve against the directory of the protos and
-# against schemas/.
+# against schemas/. NAMESPACE puts the stubs and services in a namespace of
+# that name within the package's.
 function(zel_rpc_proto_library)
-  cmake_parse_arguments(ZEL "" "NAME" "PROTOS" ${ARGN})
+  cmake_parse_arguments(ZEL "" "NAME;NAMESPACE" "PROTOS" ${ARGN})
+  set(zelrpc_out ${CMAKE_CURRENT_BINARY_DIR}/gen)
+  if(ZEL_NAMESPACE)
+    set(zelrpc_out "namespace=${ZEL_NAMESPACE}:${zelrpc_out}")
+  endif()
   set(gen ${CMAKE_CURRENT_BINARY_DIR}/gen)
   file(MAKE_DIRECTORY ${gen})
   set(srcs)
@@ -67,7 +72,7 @@ function(zel_rpc_proto_library)
         $<TARGET_FILE:protobuf::protoc>
         --plugin=protoc-gen-zelrpc=$<TARGET_FILE:protoc-gen-zelrpc>
         -I${CMAKE_CURRENT_SOURCE_DIR} -I${PROJECT_SOURCE_DIR}/schemas -I${Protobuf_INCLUDE_DIR}
-        --cpp_out=${gen} --zelrpc_out=${gen}
+        --cpp_out=${gen} --zelrpc_out=${zelrpc_out}
         ${CMAKE_CURRENT_SOURCE_DIR}/${proto}
       DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${proto} protobuf::protoc protoc-gen-zelrpc
       COMMENT "protoc (C++ and RPC glue) ${proto}"

@@ -12,10 +12,14 @@
 //   };
 //
 // A method's kind comes from its options client_streaming (50001) and
-// server_streaming (50002); the schema's stream keyword is refused, so that
-// a schema says it one way only.
+// server_streaming (50002). The schema's stream keyword counts as well, so
+// that one schema can also serve a framework that knows only the keyword
+// (the benchmark's yardstick).
 //
 //   protoc --plugin=protoc-gen-zelrpc=<this> --zelrpc_out=<dir> -I... x.proto
+//
+// With --zelrpc_out=namespace=<name>:<dir> the classes go into a namespace
+// <name> within the package's, beside another framework's of the same names.
 #include <cctype>
 #include <map>
 #include <memory>
@@ -57,8 +61,12 @@ bool OptionSet(const MethodDescriptor& method, int number) {
   return set;
 }
 
-bool ClientStreams(const MethodDescriptor& m) { return OptionSet(m, kClientStreamingOption); }
-bool ServerStreams(const MethodDescriptor& m) { return OptionSet(m, kServerStreamingOption); }
+bool ClientStreams(const MethodDescriptor& m) {
+  return OptionSet(m, kClientStreamingOption) || m.client_streaming();
+}
+bool ServerStreams(const MethodDescriptor& m) {
+  return OptionSet(m, kServerStreamingOption) || m.server_streaming();
+}
 
 const char* MethodType(const MethodDescriptor& m) {
   if (ClientStreams(m)) return ServerStreams(m) ? "RMT_BIDI_STREAMING" : "RMT_CLIENT_STREAMING";
@@ -103,11 +111,21 @@ std::vector<std::string> Split(const std::string& text, char sep) {
   return parts;
 }
 
+// The glue's namespace: the package's, and within it the one the parameter
+// "namespace=<name>" asks for, if any.
+std::string g_extraNamespace;
+
+std::vector<std::string> Namespaces(const FileDescriptor& file) {
+  std::vector<std::string> parts = Split(file.package(), '.');
+  if (!g_extraNamespace.empty()) parts.push_back(g_extraNamespace);
+  return parts;
+}
+
 void OpenNamespaces(Printer& p, const FileDescriptor& file) {
-  for (const std::string& ns : Split(file.package(), '.')) p.Print("namespace $ns$ {\n", "ns", ns);
+  for (const std::string& ns : Namespaces(file)) p.Print("namespace $ns$ {\n", "ns", ns);
 }
 void CloseNamespaces(Printer& p, const FileDescriptor& file) {
-  std::vector<std::string> parts = Split(file.package(), '.');
+  std::vector<std::string> parts = Namespaces(file);
   for (auto it = parts.rbegin(); it != parts.rend(); ++it) {
     p.Print("}  // namespace $ns$\n", "ns", *it);
   }
@@ -237,20 +255,11 @@ void Source(Printer& p, const FileDescriptor& file, const std::string& stem) {
 
 class ZelRpcGenerator : public google::protobuf::compiler::CodeGenerator {
  public:
-  bool Generate(const FileDescriptor* file, const std::string& /*parameter*/,
+  bool Generate(const FileDescriptor* file, const std::string& parameter,
                 google::protobuf::compiler::GeneratorContext* context,
-                std::string* error) const override {
-    for (int s = 0; s < file->service_count(); ++s) {
-      for (int i = 0; i < file->service(s)->method_count(); ++i) {
-        const MethodDescriptor& m = *file->service(s)->method(i);
-        if (m.client_streaming() || m.server_streaming()) {
-          *error = m.full_name() +
-                   ": use the options (orvane.zel.rpc.client_streaming) and "
-                   "(orvane.zel.rpc.server_streaming) instead of the stream keyword";
-          return false;
-        }
-      }
-    }
+                std::string* /*error*/) const override {
+    const std::string key = "namespace=";
+    g_extraNamespace = parameter.rfind(key, 0) == 0 ? parameter.substr(key.size()) : "";
     // Every schema gets its pair, with or without services, so that a build
     // can name the outputs before it knows the contents.
     const std::string stem = Stem(file->name());
