@@ -7,7 +7,7 @@
 //   1000 client streams at once on one connection: messages per second and
 //   memory per stream.
 //
-//   build/default/bench/rpc_grpc_bench [--rounds 3] [--quick]
+//   build/default/bench/rpc_grpc_bench [--rounds 3] [--quick] [--only zel|grpc]
 //
 // The servers are this program again: rpc_grpc_bench --serve zel|grpc|raw PORT [CPU].
 #include <arpa/inet.h>
@@ -479,8 +479,11 @@ int main(int argc, char** argv) {
   zel::log_testing::SetUpLoggerForTest("ERROR", "DEVLOG", nullptr);
   int rounds = 3;
   Sizes sizes;
+  std::vector<const char*> kinds = {"zel", "grpc"};
   for (int i = 1; i < argc; ++i) {
     if (std::string(argv[i]) == "--rounds" && i + 1 < argc) rounds = std::atoi(argv[++i]);
+    // One framework only, for a profile: --only zel
+    if (std::string(argv[i]) == "--only" && i + 1 < argc) kinds = {argv[++i]};
     if (std::string(argv[i]) == "--quick") sizes = Sizes{2000, 20000, 2000, 200, 100, 20};
   }
   for (bool pinned : {true, false}) {
@@ -493,7 +496,7 @@ int main(int argc, char** argv) {
       sched_setaffinity(0, sizeof all, &all);
     }
     for (int r = 0; r < rounds; ++r) {
-      for (const char* kind : {"zel", "grpc"}) Measure(argv[0], kind, pinned, sizes, f);
+      for (const char* kind : kinds) Measure(argv[0], kind, pinned, sizes, f);
       ServerProcess raw(argv[0], "raw", kRawPort, pinned ? 1 : -1);
       f.Add("raw stream 64KiB MiB/s", sizes.large * 64.0 / 1024 / RawStream(65536, sizes.large));
     }

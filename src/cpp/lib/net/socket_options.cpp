@@ -109,12 +109,16 @@ std::string ToString(const SocketOptions& options) {
 void ApplyToTcpSocket(int fd, const SocketOptions& options) {
   LogSetting(options);
   ApplyKeepaliveAndLinger(fd, options);
+  // Every write is a whole message of its own: no waiting to fill a segment.
+  SetFlag(fd, IPPROTO_TCP, TCP_NODELAY);
 }
 
 void ApplyToTcpAcceptor(int fd, const SocketOptions& options) {
   LogSetting(options);
   if (options.acceptor.reuse_address) SetFlag(fd, SOL_SOCKET, SO_REUSEADDR);
   ApplyKeepaliveAndLinger(fd, options);
+  // Accepted sockets inherit it.
+  SetFlag(fd, IPPROTO_TCP, TCP_NODELAY);
 }
 
 void ApplyToLocalAcceptor(int fd, const SocketOptions& options) {
