@@ -45,6 +45,18 @@ void SetTuning(int fd, int name, const char* label, int value) {
   }
 }
 
+// Every write is a whole message of its own: no waiting to fill a segment.
+// Best effort: only a socket that is not TCP refuses it, and that costs
+// nothing.
+void SetNoDelay(int fd) {
+  const int one = 1;
+  if (fd >= 0 && setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0) {
+    const int error = errno;
+    ZEL_NET_LOG(kLogDebug).format("Failed to set TCP_NODELAY for fd %d (error %d:%s)", fd, error,
+                                  std::strerror(error));
+  }
+}
+
 void ApplyKeepaliveAndLinger(int fd, const SocketOptions& options) {
   if (options.keepalive) {
     SetFlag(fd, SOL_SOCKET, SO_KEEPALIVE);
@@ -109,16 +121,14 @@ std::string ToString(const SocketOptions& options) {
 void ApplyToTcpSocket(int fd, const SocketOptions& options) {
   LogSetting(options);
   ApplyKeepaliveAndLinger(fd, options);
-  // Every write is a whole message of its own: no waiting to fill a segment.
-  SetFlag(fd, IPPROTO_TCP, TCP_NODELAY);
+  SetNoDelay(fd);
 }
 
 void ApplyToTcpAcceptor(int fd, const SocketOptions& options) {
   LogSetting(options);
   if (options.acceptor.reuse_address) SetFlag(fd, SOL_SOCKET, SO_REUSEADDR);
   ApplyKeepaliveAndLinger(fd, options);
-  // Accepted sockets inherit it.
-  SetFlag(fd, IPPROTO_TCP, TCP_NODELAY);
+  SetNoDelay(fd);  // accepted sockets inherit it
 }
 
 void ApplyToLocalAcceptor(int fd, const SocketOptions& options) {
