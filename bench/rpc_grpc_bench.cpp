@@ -75,6 +75,13 @@ long RssKiB() {
   return 0;
 }
 
+// Dispatcher threads of each side of our framework (ZEL_BENCH_THREADS, 1 by
+// default): with one, a step posted from the loop stays on its thread.
+std::size_t ZelThreads() {
+  const char* n = std::getenv("ZEL_BENCH_THREADS");
+  return n != nullptr && std::atoi(n) > 0 ? static_cast<std::size_t>(std::atoi(n)) : 1;
+}
+
 void WaitStdinEof() {
   char c;
   while (read(0, &c, 1) > 0) {
@@ -177,7 +184,7 @@ int Serve(const std::string& kind, int port, int cpu) {
                                        zr::ConnectionOptions(), nullptr)) {
     return 1;
   }
-  provider->Run(2, false);
+  provider->Run(ZelThreads(), false);
   std::printf("ready\n");
   std::fflush(stdout);
   WaitStdinEof();
@@ -246,7 +253,7 @@ class Client {
 class ZelClient : public Client {
  public:
   ZelClient() : provider_(zr::AsioZelRpcProvider::Create(boost::property_tree::ptree())) {
-    provider_->Run(2, false);
+    provider_->Run(ZelThreads(), false);
     auto done = std::make_shared<std::promise<std::shared_ptr<orvane::zel::bench::zelrpc::Echo::Stub>>>();
     auto creator = zr::StubFactory(provider_).MakeCreator<orvane::zel::bench::zelrpc::Echo::Stub>(
         "tcp://127.0.0.1:" + std::to_string(kZelPort), zr::ChannelPriority::NORMAL, 10000,
