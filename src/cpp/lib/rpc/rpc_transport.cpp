@@ -544,23 +544,25 @@ void RpcTransport::UnregisterConnection(const RpcConnection& connection) {
     serviceResolver_->ResetDefault();
     defaultServiceId_.reset();
   }
-  // What the connection announced goes in any case; the tables compare the
-  // route, so another connection's mappings stay.
-  if (registered) {
-    const RpcRoute route{"", registered};
-    const std::vector<std::string> ids = registered->remote_endpoint_ids();
+  // What the connection announced goes in any case, registered or not; the
+  // tables compare the route, so another connection's mappings stay.
+  {
+    const RpcRoute route{"", boost::const_pointer_cast<RpcConnection>(connection.shared_from_this())};
+    const boost::shared_ptr<RpcConnection>& announcer =
+        boost::static_pointer_cast<RpcConnection>(route.connection);
+    const std::vector<std::string> ids = announcer->remote_endpoint_ids();
     if (!ids.empty()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote endpoint ids '%s' @ %s", name,
                                       Joined(ids).c_str(), text.c_str());
       for (const std::string& id : ids) endpointResolver_->RemoveMapping(id, route);
     }
-    for (const std::string& service : registered->remote_services()) {
+    for (const std::string& service : announcer->remote_services()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote service '%s' @ %s", name,
                                       service.c_str(), text.c_str());
       serviceResolver_->RemoveMapping(service, route);
     }
-    down = onDown_;
   }
+  if (registered) down = onDown_;
   if (down) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Posting connection down handler for %s", name,
                                     text.c_str());
@@ -586,9 +588,10 @@ void RpcTransport::ConnectionSettings(const boost::shared_ptr<RpcConnection>& co
     ZEL_RPC_LOG(kLogVerbose).format("%s Processing internal ConnectionSettings update", name);
     // Under the lock, against an unregister: a connection that has gone
     // meanwhile leaves no mapping behind.
+    // (Its registration may still be on its way: the connect answer and the
+    // settings are posted apart. A close unregisters under the same lock.)
     MutexLock lock(transport->mutex_);
-    auto it = transport->byId_.find(connection->id());
-    if (it == transport->byId_.end() || it->second != connection) return;
+    if (connection->state() == RpcConnection::State::CLOSED) return;
     const RpcRoute route{"", connection};
     if (!endpointIds.empty()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Registering remote endpoint ids '%s' @ %s", name,
