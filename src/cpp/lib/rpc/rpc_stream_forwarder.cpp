@@ -45,6 +45,9 @@ RpcStreamForwarder::RpcStreamForwarder(const StreamId& id, uint32_t priority,
                "service=" + service + ",priority=" + StreamPriorityName(priority),
                {"bind/success", "bind/failure", "release", "rx/frames", "tx/frames", "drop/frames"},
                {"rx/bytes", "tx/bytes"}),
+      queueMetrics_(metricsRoot ? metricsRoot->subkey("rpc/forwarder/queue") : nullptr,
+                    "service=" + service + ",priority=" + StreamPriorityName(priority),
+                    {"frames"}, {}, {"latency"}),
       source_(source) {}
 
 bool RpcStreamForwarder::active() const {
@@ -69,7 +72,8 @@ bool RpcStreamForwarder::Forward(const RpcFramePtr& frame,
     }
     if (!bound_) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Queuing frame", name_.c_str());
-      queued_.push_back(frame);
+      queued_.push_back({frame, std::chrono::steady_clock::now()});
+      queueMetrics_.Mark(0);
       return true;
     }
     ZEL_RPC_LOG(kLogDebug).format("%s Sending frame", name_.c_str());
@@ -116,7 +120,7 @@ void RpcStreamForwarder::Bind(const boost::shared_ptr<RpcConnection>& destinatio
   // The queue goes out in order, without the lock; frames that come
   // meanwhile join its end, until it is empty and frames pass straight on.
   for (;;) {
-    std::deque<RpcFramePtr> batch;
+    std::deque<Queued> batch;
     {
       MutexLock lock(mutex_);
       if (queued_.empty() || !active_) {
@@ -125,11 +129,14 @@ void RpcStreamForwarder::Bind(const boost::shared_ptr<RpcConnection>& destinatio
       }
       batch.swap(queued_);
     }
-    for (const RpcFramePtr& frame : batch) {
+    const auto now = std::chrono::steady_clock::now();
+    for (const Queued& q : batch) {
       ZEL_RPC_LOG(kLogDebug).format("%s Sending queued frame", name_.c_str());
+      queueMetrics_.Record(
+          0, std::chrono::duration_cast<std::chrono::microseconds>(now - q.since).count());
       metrics_.Mark(kTxFrames);
-      metrics_.Add(kTxBytes, frame->size());
-      destination->Send(frame, priority_);
+      metrics_.Add(kTxBytes, q.frame->size());
+      destination->Send(q.frame, priority_);
     }
   }
 }

@@ -11,7 +11,9 @@
 //
 // "RpcStreamForwarder[<stream id>]". Metrics under "rpc/forwarder":
 // "bind/success", "bind/failure", "release", "rx/frames", "tx/frames",
-// "drop/frames", and the amounts "rx/bytes", "tx/bytes".
+// "drop/frames", and the amounts "rx/bytes", "tx/bytes"; under
+// "rpc/forwarder/queue" the frames that waited for a destination ("frames")
+// and their time in the queue ("latency").
 //
 // Threads: Forward runs on the read threads of both connections, Bind on the
 // transport's dispatcher; one lock orders them. It is not held while frames
@@ -19,6 +21,7 @@
 #ifndef ZEL_RPC_RPC_STREAM_FORWARDER_H_
 #define ZEL_RPC_RPC_STREAM_FORWARDER_H_
 
+#include <chrono>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -74,13 +77,18 @@ class RpcStreamForwarder : public StreamForwarder,
   const std::string name_;
   const std::weak_ptr<ForwarderOwner> owner_;
   CounterSet metrics_;
+  CounterSet queueMetrics_;
 
   mutable Mutex mutex_;
   boost::weak_ptr<RpcConnection> source_ GUARDED_BY(mutex_);
   boost::weak_ptr<RpcConnection> destination_ GUARDED_BY(mutex_);
   bool bound_ GUARDED_BY(mutex_) = false;
   bool active_ GUARDED_BY(mutex_) = true;
-  std::deque<RpcFramePtr> queued_ GUARDED_BY(mutex_);
+  struct Queued {
+    RpcFramePtr frame;
+    std::chrono::steady_clock::time_point since;
+  };
+  std::deque<Queued> queued_ GUARDED_BY(mutex_);
 };
 
 // Rewrites the stream control section of `frame` in place to `control`

@@ -683,23 +683,23 @@ void RpcTransport::StopListening(const std::string& endpoint) {
 
 void RpcTransport::AddLocalEndpointId(const std::string& id) {
   ZEL_RPC_LOG(kLogVerbose).format("%s Adding local endpoint id %s", name_.c_str(), id.c_str());
-  MutexLock lock(mutex_);
+  MutexLock lock(localIdsMutex_);
   localIds_.insert(id);
 }
 
 void RpcTransport::RemoveLocalEndpointId(const std::string& id) {
   ZEL_RPC_LOG(kLogVerbose).format("%s Removing local endpoint id %s", name_.c_str(), id.c_str());
-  MutexLock lock(mutex_);
+  MutexLock lock(localIdsMutex_);
   localIds_.erase(id);
 }
 
 std::vector<std::string> RpcTransport::LocalEndpointIds() {
-  MutexLock lock(mutex_);
+  MutexLock lock(localIdsMutex_);
   return std::vector<std::string>(localIds_.begin(), localIds_.end());
 }
 
 bool RpcTransport::IsLocalEndpointId(const std::string& id) {
-  MutexLock lock(mutex_);
+  MutexLock lock(localIdsMutex_);
   return localIds_.count(id) != 0;
 }
 

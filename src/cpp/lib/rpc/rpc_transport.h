@@ -179,7 +179,10 @@ class RpcTransport : public Transport, public std::enable_shared_from_this<RpcTr
   std::unordered_map<std::string, boost::shared_ptr<RpcConnection>> byEndpoint_ GUARDED_BY(mutex_);
   // The endpoint each registered connection is known by.
   std::unordered_map<uint32_t, std::string> endpointOf_ GUARDED_BY(mutex_);
-  std::unordered_set<std::string> localIds_ GUARDED_BY(mutex_);
+  // Its own lock, taken last: connections ask for the ids while they hold
+  // theirs, and the transport holds mutex_ while it asks connections.
+  mutable Mutex localIdsMutex_;
+  std::unordered_set<std::string> localIds_ GUARDED_BY(localIdsMutex_);
   std::map<std::string, ConnectionOptions> listening_ GUARDED_BY(mutex_);
   // The gateway connections that answer names without a mapping.
   std::optional<uint32_t> defaultEndpointId_ GUARDED_BY(mutex_);

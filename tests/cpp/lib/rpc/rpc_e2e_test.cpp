@@ -223,10 +223,14 @@ TEST_F(RpcE2eTest, ASlowServerHoldsReadingBackBetweenTheMarks) {
   ASSERT_FALSE(ec);
   auto replies = std::make_shared<Replies>();
   auto writer = stub->Collect(ClientContext(), replies);
-  TestRequest r = Req("m");
-  r.set_pause_us(100);
-  constexpr int kMessages = 4000;
-  for (int i = 0; i < kMessages; ++i) writer->Write(r);
+  // The first request holds the server's observer until its connection has
+  // stopped reading: the frames behind it pile up to the mark whatever the
+  // speed of either side.
+  TestRequest first = Req("m");
+  first.set_hold(true);
+  writer->Write(first);
+  constexpr int kMessages = 3000;
+  for (int i = 1; i < kMessages; ++i) writer->Write(Req("m"));
   writer->Done(RpcStatus::Success());
   EXPECT_TRUE(writer->Wait(kDeadline).ok());
   ASSERT_EQ(replies->texts().size(), 1u);

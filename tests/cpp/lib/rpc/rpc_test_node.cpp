@@ -28,7 +28,12 @@ namespace {
 const char* const kShown[] = {"read suspended", "read resumed", "Queuing frame",
                               "Sending queued frame", "Releasing destination"};
 
+// The node's test service, told when its reading is held back.
+std::shared_ptr<zel::rpc::testing::TestServiceImpl> g_service;
+
 void ShowSome(int /*priority*/, const char* line) {
+  // A Collect observer holding on purpose lets go once reading is held back.
+  if (g_service && std::strstr(line, "read suspended") != nullptr) g_service->ReleaseHold();
   for (const char* needle : kShown) {
     if (std::strstr(line, needle) != nullptr) {
       std::printf("log: %s\n", line);
@@ -79,6 +84,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   RpcNode node(id, serve, tls);
+  g_service = node.service;
   node.transport()->SetForwardingEnabled(forward);
   for (const std::string& endpoint : listen) {
     if (auto ec = node.Listen(endpoint)) {
@@ -100,5 +106,7 @@ int main(int argc, char** argv) {
   char c;
   while (read(0, &c, 1) > 0) {
   }
+  zel::log_testing::SetSyslogSinkForTest(nullptr);
+  g_service.reset();
   return 0;
 }

@@ -48,6 +48,12 @@ std::string TestServiceImpl::last_header(const std::string& key) {
   return it == headers_.end() ? "" : it->second;
 }
 
+void TestServiceImpl::ReleaseHold() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  holdReleased_ = true;
+  released_.notify_all();
+}
+
 std::vector<RpcStatus> TestServiceImpl::chat_finals() {
   std::lock_guard<std::mutex> lock(mutex_);
   return chatFinals_;
@@ -73,11 +79,17 @@ CallObserverPtr<TestRequest> TestServiceImpl::Collect(const ServerContext&,
   ++calls_;
   // Joins the texts; the answer goes when the client is done.
   struct Collector : CallObserver<TestRequest> {
+    TestServiceImpl* service;
     StreamWriterPtr<TestReply> writer;
     std::string joined;
     void Next(const TestRequest& r) override {
       // A slow consumer on purpose: it holds the channel's thread.
       if (r.pause_us()) std::this_thread::sleep_for(std::chrono::microseconds(r.pause_us()));
+      if (r.hold()) {
+        std::unique_lock<std::mutex> lock(service->mutex_);
+        service->released_.wait_for(lock, std::chrono::seconds(20),
+                                     [&] { return service->holdReleased_; });
+      }
       if (r.throw_error()) throw std::runtime_error("asked to throw");
       if (r.has_fail_with()) writer->Done(RpcStatus(r.fail_with()));
       if (r.cancel()) writer->Cancel();
@@ -88,6 +100,7 @@ CallObserverPtr<TestRequest> TestServiceImpl::Collect(const ServerContext&,
     }
   };
   auto collector = std::make_shared<Collector>();
+  collector->service = this;
   collector->writer = writer;
   return collector;
 }

@@ -43,6 +43,9 @@ class TestServiceImpl : public TestService::Service {
   CallObserverPtr<TestRequest> Chat(const ServerContext& context,
                                     const StreamWriterPtr<TestReply>& writer) override;
 
+  // Lets go of a Collect observer holding on a "hold" request, now and for
+  // any that comes later.
+  void ReleaseHold();
   // Calls that reached a service function.
   int calls() const { return calls_.load(); }
   // The headers of the last call.
@@ -60,6 +63,8 @@ class TestServiceImpl : public TestService::Service {
   std::unordered_map<std::string, std::string> headers_;
   std::vector<TimerPtr> pending_;
   std::vector<RpcStatus> chatFinals_;
+  std::condition_variable released_;
+  bool holdReleased_ = false;
 };
 
 // What a typed client call received; optionally throws from one callback.
