@@ -199,12 +199,15 @@ void ChannelImpl::Post_(void (ChannelImpl::*fn)()) {
 // Opening
 
 void ChannelImpl::OpenOnClient(ActiveCallback active) {
-  ConnectionPtr connection = GetConnection();
-  if (connection) connection->RegisterChannel(shared_from_this());
+  // The callback is in place before the channel registers: a connection
+  // that has closed meanwhile closes the channel at once, and the close
+  // answers the callback.
   {
     MutexLock lock(mutex_);
     activeCallback_ = std::move(active);
   }
+  ConnectionPtr connection = GetConnection();
+  if (connection) connection->RegisterChannel(shared_from_this());
   Post_(&ChannelImpl::DoOpenStream_);
 }
 

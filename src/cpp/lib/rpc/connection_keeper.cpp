@@ -201,6 +201,8 @@ void ConnectionKeeper::OnConnect_(const error_code& ec,
     MutexLock lock(mutex_);
     // A Reset while the lock was free wins: the connection is not taken.
     if (state_ != State::CONNECTING) return;
+    // Closed before the watcher could count: its close went unseen.
+    if (!failed && connection->state() == RpcConnection::State::CLOSED) failed = true;
     if (!failed) {
       policy_.Reset();
       state_ = State::CONNECTED;

@@ -1,5 +1,6 @@
 #include "cpp/lib/rpc/rpc_transport.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -214,7 +215,7 @@ void RpcTransport::RemoteServiceManagerImpl::ReleaseForwarder(const StreamForwar
       }
     }
   }
-  if (service.waiting.empty() && service.bound.empty() && service.state != State::RESOLVING) {
+  if (service.waiting.empty() && service.bound.empty()) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Destroying RemoteService[%s]", name_.c_str(),
                                     target.c_str());
     services_.erase(it);
@@ -437,6 +438,9 @@ void RpcTransport::ConnectCallback_(const boost::shared_ptr<RpcConnection>& conn
     pending_.erase(connection->id());
   }
   if (!Register_(connection, endpoint)) {
+    if (connection->state() == RpcConnection::State::CLOSED) {
+      return Post_(handler, error_code(ECONNABORTED, boost::system::system_category()), nullptr);
+    }
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc8)
         .format("%s Failed to register connection %s id:%u - closing", name,
@@ -470,6 +474,9 @@ bool RpcTransport::Register_(const boost::shared_ptr<RpcConnection>& connection,
                                  text.c_str());
     return false;
   }
+  // Closed since it came up: its unregister has passed already. (A close
+  // after this check unregisters under the same lock.)
+  if (connection->state() == RpcConnection::State::CLOSED) return false;
   auto byId = byId_.find(connection->id());
   if (byId != byId_.end()) {
     ZEL_RPC_LOG(kLogError).format(
@@ -554,12 +561,16 @@ void RpcTransport::UnregisterConnection(const RpcConnection& connection) {
     if (!ids.empty()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote endpoint ids '%s' @ %s", name,
                                       Joined(ids).c_str(), text.c_str());
-      for (const std::string& id : ids) endpointResolver_->RemoveMapping(id, route);
+      for (const std::string& id : ids) {
+        endpointResolver_->RemoveMapping(id, route);
+        RemapLocked_(*endpointResolver_, id, &RpcConnection::remote_endpoint_ids);
+      }
     }
     for (const std::string& service : announcer->remote_services()) {
       ZEL_RPC_LOG(kLogVerbose).format("%s Unregistering remote service '%s' @ %s", name,
                                       service.c_str(), text.c_str());
       serviceResolver_->RemoveMapping(service, route);
+      RemapLocked_(*serviceResolver_, service, &RpcConnection::remote_services);
     }
   }
   if (registered) down = onDown_;
@@ -567,6 +578,20 @@ void RpcTransport::UnregisterConnection(const RpcConnection& connection) {
     ZEL_RPC_LOG(kLogVerbose).format("%s Posting connection down handler for %s", name,
                                     text.c_str());
     params_.dispatcher->Post([down, registered] { down(registered); });
+  }
+}
+
+void RpcTransport::RemapLocked_(RpcResolver& table, const std::string& name,
+                                std::vector<std::string> (RpcConnection::*announced)() const) {
+  // Another live connection that announced the name serves it from now on.
+  for (const auto& entry : byId_) {
+    const boost::shared_ptr<RpcConnection>& other = entry.second;
+    if (other->state() != RpcConnection::State::CONNECTED) continue;
+    const std::vector<std::string> names = ((*other).*announced)();
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+      table.AddMapping(name, RpcRoute{"", other});
+      return;
+    }
   }
 }
 
@@ -768,6 +793,9 @@ bool RpcTransport::SetupForwarding(const boost::shared_ptr<RpcConnection>& sourc
     }
   }
   if (!source->AddStreamForwarder(message.stream_id, forwarder)) return false;
+  // The opening frame waits in the forwarder before the destination is
+  // sought, so that it goes first however fast the answer comes.
+  forwarder->Forward(frame, source);
   if (!manager_->SetupForwarding(target, forwarder)) {
     ZEL_RPC_LOG(kLogError)
         .addTag(kTagRpc60)
@@ -776,7 +804,6 @@ bool RpcTransport::SetupForwarding(const boost::shared_ptr<RpcConnection>& sourc
     forwarder->Release(std::nullopt);
     return false;
   }
-  forwarder->Forward(frame, source);
   return true;
 }
 

@@ -51,6 +51,7 @@ class Transport;
 namespace rpc {
 
 class RpcEndpointResolver;
+class RpcResolver;
 class RpcServiceResolver;
 class RpcStreamForwarder;
 struct RpcRoute;
@@ -159,6 +160,10 @@ class RpcTransport : public Transport, public std::enable_shared_from_this<RpcTr
                                                    const ConnectionOptions& options,
                                                    int direction);
   bool Register_(const boost::shared_ptr<RpcConnection>& connection, const std::string& endpoint);
+  // Maps `name` in `table` to another connected connection that announced
+  // it, if there is one.
+  void RemapLocked_(RpcResolver& table, const std::string& name,
+                    std::vector<std::string> (RpcConnection::*announced)() const) REQUIRES(mutex_);
   void DoShutdown_();
   // Posts `handler` with the outcome.
   void Post_(const ConnectHandler& handler, const boost::system::error_code& ec,

@@ -116,10 +116,15 @@ void StubCreatorBase::Request_() {
     ++attempts_;
   }
   ZEL_RPC_LOG(kLogVerbose).format("%s Requesting new channel", name_.c_str());
-  // The creator stays alive until its channel request answers.
-  std::shared_ptr<StubCreatorBase> self = shared_from_this();
-  channels_->Create([self](const error_code& ec, const ChannelPtr& channel) {
-    self->OnChannel_(ec, channel);
+  // A request that never answers (a name nobody announces) must not keep a
+  // creator that its owner has let go of.
+  std::weak_ptr<StubCreatorBase> weak = weak_from_this();
+  channels_->Create([weak](const error_code& ec, const ChannelPtr& channel) {
+    if (auto self = weak.lock()) {
+      self->OnChannel_(ec, channel);
+    } else if (channel && !ec) {
+      channel->Close(CloseReason::CLOSED_BY_USER);
+    }
   });
 }
 

@@ -8,6 +8,9 @@
 //       ChannelPriority::NORMAL, 5000, RetryPolicy(100, 1000, 2.0));
 //   creator->Create([](const error_code& ec, std::shared_ptr<Echo::Stub> stub) { ... });
 //
+// The owner keeps the creator until its completion has run: a creator let go
+// of earlier stops.
+//
 // URLs: "zel://<endpoint id>", "service://<service name>", or an endpoint.
 // A time limit below 1 ms never expires. The completion runs once, with the
 // stub or with the failure (the last connection error, or "Timed out" of

@@ -48,9 +48,10 @@ class RpcE2eTest : public ::testing::Test {
   void SetUp() override {
     if (!ready_) GTEST_SKIP() << "needs root, iproute2 and openssl";
   }
+  // Removed with its keys and sockets when the program ends.
   static const std::string& Dir() {
-    static zel::testing::TempDir* dir = new zel::testing::TempDir;
-    return dir->path();
+    static zel::testing::TempDir dir;
+    return dir.path();
   }
   static std::string Unix(const std::string& name) { return "unix://" + Dir() + "/" + name; }
   static std::vector<std::string> Tls(const std::string& own, const std::string& peer) {

@@ -28,7 +28,8 @@ namespace {
 const char* const kShown[] = {"read suspended", "read resumed", "Queuing frame",
                               "Sending queued frame", "Releasing destination"};
 
-// The node's test service, told when its reading is held back.
+// The node's test service, told when its reading is held back. Set before
+// any connection exists and kept until the process ends.
 std::shared_ptr<zel::rpc::testing::TestServiceImpl> g_service;
 
 void ShowSome(int /*priority*/, const char* line) {
@@ -106,7 +107,5 @@ int main(int argc, char** argv) {
   char c;
   while (read(0, &c, 1) > 0) {
   }
-  zel::log_testing::SetSyslogSinkForTest(nullptr);
-  g_service.reset();
   return 0;
 }

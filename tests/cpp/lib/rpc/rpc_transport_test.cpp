@@ -128,20 +128,31 @@ TEST_F(RpcTransportTest, ASecondConnectionToAnEndpointReplacesTheFirst) {
   RpcNode server("node-s");
   ASSERT_FALSE(server.Listen(Socket("s.sock")));
   RpcNode client("node-c", false);
-  // Asked for twice before either is up: two connections, the later one
-  // registered over the earlier.
-  auto first = std::async(std::launch::async, [&] { return client.Connect(Socket("s.sock")); });
-  auto second = std::async(std::launch::async, [&] { return client.Connect(Socket("s.sock")); });
-  auto a = first.get().second, b = second.get().second;
+  // Asked for twice before either is up (the answers come later, through
+  // the dispatcher): two connections, the later one registered over the
+  // earlier.
+  std::promise<boost::shared_ptr<RpcConnection>> first, second;
+  for (auto* p : {&first, &second}) {
+    client.transport()->GetConnection(
+        Socket("s.sock"), ConnectionOptions(),
+        [p](const error_code&, const boost::shared_ptr<RpcConnection>& c) { p->set_value(c); });
+  }
+  auto fa = first.get_future(), fb = second.get_future();
+  ASSERT_EQ(fa.wait_for(zel::testing::kDeadline), std::future_status::ready);
+  ASSERT_EQ(fb.wait_for(zel::testing::kDeadline), std::future_status::ready);
+  auto a = fa.get(), b = fb.get();
   ASSERT_TRUE(a && b);
-  if (a == b) GTEST_SKIP() << "the second request came after the first was up";
+  ASSERT_NE(a, b);
   EXPECT_EQ(log_.Count("is already registered"), 1);
   EXPECT_EQ(client.transport()->connections().size(), 2u);
   auto [ec, shared] = client.Connect(Socket("s.sock"));
   const auto earlier = shared == a ? b : a;
+  // Both announced node-s: whichever goes, the other serves the name.
+  ASSERT_TRUE(WaitUntil([&] { return client.transport()->endpoint_resolver().Get("node-s").has_value(); }));
   earlier->Close(CloseReason::CLOSED_BY_USER);
   EXPECT_EQ(log_.Count("(by endpoint) - does not match the registered one"), 1);
   EXPECT_EQ(client.Connect(Socket("s.sock")).second, shared) << "the later one stays";
+  EXPECT_EQ(client.Connect("zel://node-s").second, shared);
 
   // One no longer usable is not handed out: the next caller gets a new one.
   shared->Close(CloseReason::CLOSED_BY_USER);
@@ -210,10 +221,12 @@ TEST_F(RpcTransportTest, AStubByUrlWaitsForItsServerAndTimesOutWithoutOne) {
   EXPECT_EQ(log_.Count("Failed to create stub in time"), 1);
 
   // Asked before the server exists, served once it comes up.
+  const int before = log_.Count("Scheduling channel request in");
   auto pending = std::async(std::launch::async, [&] {
     return client.Stub<TestService::Stub>(Socket("late.sock"), 0);
   });
-  ASSERT_TRUE(WaitUntil([&] { return log_.Count("Scheduling channel request in") >= 2; }));
+  // Its first attempt has failed: the server comes after it.
+  ASSERT_TRUE(WaitUntil([&] { return log_.Count("Scheduling channel request in") > before; }));
   RpcNode server("node-s");
   ASSERT_FALSE(server.Listen(Socket("late.sock")));
   auto [ec, stub] = pending.get();
@@ -243,13 +256,33 @@ TEST_F(RpcTransportTest, TheKeeperReconnectsWithBackoffWhenTheServerComesBack) {
 
   server.reset();
   ASSERT_TRUE(WaitUntil([&] { return closes == 1; }));
+  // Attempts fail while the server is away, each after a longer wait.
   ASSERT_TRUE(WaitUntil([&] { return log_.Count("scheduling connection attempt in") >= 2; }));
-  keeper->Connect();  // during back-off: ignored
   server = std::make_unique<RpcNode>("node-s");
   ASSERT_FALSE(server->Listen(Socket("k.sock")));
   ASSERT_TRUE(WaitUntil([&] { return connects == 3; }));
   EXPECT_EQ(keeper->state(), ConnectionKeeper::State::CONNECTED);
-  EXPECT_GE(log_.Count("is waiting for the backoff timer to expire"), 1);
+}
+
+TEST_F(RpcTransportTest, AConnectDuringTheBackoffIsIgnored) {
+  RpcNode client("node-c", false);
+  ConnectionKeeper::Params p;
+  p.transport = client.provider->GetTransport();
+  p.url = Socket("away.sock");
+  p.policy = RetryPolicy(60000, 60000, 1.0);  // the wait outlasts the test
+  p.user_dispatcher = p.dispatcher = client.provider->GetDispatcher();
+  p.timers = client.provider->GetTimers();
+  auto keeper = ConnectionKeeper::Create(std::move(p));
+  keeper->Connect();
+  ASSERT_TRUE(WaitUntil([&] { return keeper->state() == ConnectionKeeper::State::WAITING; }));
+  keeper->Connect();
+  ASSERT_TRUE(WaitUntil([&] {
+    return log_.Count("is waiting for the backoff timer to expire. Ignoring this connection "
+                      "request") == 1;
+  }));
+  EXPECT_EQ(keeper->state(), ConnectionKeeper::State::WAITING);
+  keeper->Reset();
+  EXPECT_EQ(keeper->state(), ConnectionKeeper::State::IDLE);
 }
 
 TEST_F(RpcTransportTest, AKeeperOutOfAttemptsStaysDown) {
