@@ -180,6 +180,30 @@ TEST_F(RpcConnectionTest, LastChannelOutArmsTheDeferredClose) {
   EXPECT_EQ(client->state(), State::CONNECTED);
 }
 
+TEST_F(RpcConnectionTest, AStreamThePeerNeverAcknowledgesTimesOut) {
+  // The peer takes the stream for relaying and never answers it.
+  rig_.transport->forwarding = true;
+  rig_.transport->swallow = true;
+  auto timers = std::make_shared<ManualTimers>();
+  ChannelFactory channels(rig_.scheduler, rig_.registry, timers, nullptr);
+  auto accepted = rig_.Listen();
+  auto client = rig_.Connect();
+  ASSERT_TRUE(client);
+  auto channel = channels.CreateClientChannel("unix://" + rig_.path, "orvane.zel.Elsewhere", client,
+                                              ChannelPriority::NORMAL);
+  std::promise<error_code> opened;
+  channel->OpenOnClient([&](const error_code& ec, const ChannelPtr&) { opened.set_value(ec); });
+  ASSERT_TRUE(zel::testing::WaitUntil([&] {
+    return timers->Armed(ChannelImpl::kActivationTimeout) == 1;
+  }));
+  timers->Fire(ChannelImpl::kActivationTimeout);
+  auto f = opened.get_future();
+  ASSERT_EQ(f.wait_for(kDeadline), std::future_status::ready);
+  EXPECT_TRUE(f.get());
+  EXPECT_EQ(log_.Count("Activation timeout expired"), 1);
+  EXPECT_TRUE(rig_.transport->forwardTargets.size() == 1);
+}
+
 TEST_F(RpcConnectionTest, StreamsThePeerDidNotOpen) {
   auto accepted = rig_.Listen();
   RawPeer peer(rig_);
