@@ -193,6 +193,11 @@ TEST_F(RpcConnectionTest, AStreamThePeerNeverAcknowledgesTimesOut) {
                                               ChannelPriority::NORMAL);
   std::promise<error_code> opened;
   channel->OpenOnClient([&](const error_code& ec, const ChannelPtr&) { opened.set_value(ec); });
+  // The peer has taken the stream, and the time limit is running.
+  ASSERT_TRUE(zel::testing::WaitUntil([&] {
+    std::lock_guard<std::mutex> lock(rig_.transport->mutex);
+    return rig_.transport->forwardTargets.size() == 1;
+  }));
   ASSERT_TRUE(zel::testing::WaitUntil([&] {
     return timers->Armed(ChannelImpl::kActivationTimeout) == 1;
   }));
@@ -201,7 +206,6 @@ TEST_F(RpcConnectionTest, AStreamThePeerNeverAcknowledgesTimesOut) {
   ASSERT_EQ(f.wait_for(kDeadline), std::future_status::ready);
   EXPECT_TRUE(f.get());
   EXPECT_EQ(log_.Count("Activation timeout expired"), 1);
-  EXPECT_TRUE(rig_.transport->forwardTargets.size() == 1);
 }
 
 TEST_F(RpcConnectionTest, StreamsThePeerDidNotOpen) {
