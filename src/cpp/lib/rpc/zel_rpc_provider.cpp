@@ -3,6 +3,8 @@
 #include <chrono>
 #include <future>
 
+#include <boost/asio/io_context.hpp>
+
 #include "cpp/lib/common/asio_dispatcher.h"
 #include "cpp/lib/common/logger.h"
 #include "cpp/lib/metrics/metric_registry.h"
@@ -73,6 +75,16 @@ AsioZelRpcProvider::~AsioZelRpcProvider() {
     dispatcher->Stop(true);
   } else {
     dispatcher->StopAndWait(true);
+    // Steps still queued hold connections, and the connections the
+    // io_context: run what is ready here, on this thread, so that nothing
+    // keeps the other alive.
+    try {
+      boost::asio::io_context& io = dispatcher->GetIoContext();
+      io.restart();
+      io.poll();
+    } catch (const std::exception& e) {
+      ZEL_RPC_LOG(kLogWarn).format("AsioZelRpcProvider: a last step failed: %s", e.what());
+    }
   }
   transport_.reset();
   net_.reset();
