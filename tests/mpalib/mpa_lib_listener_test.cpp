@@ -212,6 +212,8 @@ TEST_F(MpaLibListenerTest, ExceptionFromCallbackEndsLoopAndClosesAll) {
   EXPECT_EQ(-1, registry_->GetMaxDescriptor());
   EXPECT_EQ(1u, log_.Count("MPA101\"] LISTENER: Exception in listener loop: application failed"));
   EXPECT_TRUE(listener->Stop(false));  // already ended: a no-op
+  // Its last line written, the loop's thread no longer touches the log.
+  EXPECT_TRUE(WaitUntil([&] { return log_.Count("Exiting loop") >= 1; }));
 }
 
 // Outside BC mode the library runs its listener on a thread of its own, and
