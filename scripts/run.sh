@@ -15,27 +15,54 @@
 #   scripts/run.sh              build, then run the session
 #   scripts/run.sh --no-build   run with what is built
 #   JOBS=N scripts/run.sh       build with N jobs (default: nproc)
+#   RUN_DIR=DIR scripts/run.sh  keep the session's files in DIR (default:
+#                               build/default/run; emptied first)
+#
+# To run an installed agent instead (as the package tests do):
+#   --agent PATH         this agent binary
+#   --config FILE        this dornConfig.ini instead of the session's own
+#   --stop-helper PATH   stop the agent as its systemd unit does: PATH PID
+#                        (the unit's ExecStop), then one SIGTERM (KillSignal)
 #
 # Needs root (namespaces and mounts); as another user it runs itself again
 # through sudo. Exit code: that of the relay, 0 when every expected answer
-# came and the wire layout was kept.
+# came and the wire layout was kept; 4 when the agent outlived the unit's stop.
 set -euo pipefail
+original_args=("$@")
+caller=$PWD
 cd "$(dirname "$0")/.."
 root=$(pwd)
 build="$root/build/default"
 
 build_first=1
-for arg in "$@"; do
-  case "$arg" in
+agent="" config="" stop_helper=""
+while [ $# -gt 0 ]; do
+  case "$1" in
     --no-build) build_first=0 ;;
-    -h|--help) sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
-    *) echo "run.sh: unknown argument $arg" >&2; exit 2 ;;
+    --agent|--config|--stop-helper)
+      [ $# -ge 2 ] || { echo "run.sh: $1 needs a path" >&2; exit 2; }
+      path=$2
+      case "$path" in /*) ;; *) path=$caller/$path ;; esac
+      if [ "$1" = --config ]; then
+        [ -f "$path" ] || { echo "run.sh: no file $path" >&2; exit 2; }
+      else
+        [ -f "$path" ] && [ -x "$path" ] || { echo "run.sh: $path is no executable file" >&2; exit 2; }
+      fi
+      case "$1" in
+        --agent) agent=$path ;;
+        --config) config=$path ;;
+        *) stop_helper=$path ;;
+      esac
+      shift ;;
+    -h|--help) sed -n '2,29p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "run.sh: unknown argument $1" >&2; exit 2 ;;
   esac
+  shift
 done
 
 if [ "$(id -u)" -ne 0 ]; then
   if command -v sudo >/dev/null 2>&1; then
-    exec sudo JOBS="${JOBS:-}" bash "$0" "$@"
+    exec sudo JOBS="${JOBS:-}" bash "$0" "${original_args[@]}"
   fi
   echo "run.sh: the sandbox needs root (namespaces and mounts); run it as root" >&2
   exit 1
@@ -57,11 +84,11 @@ find_binary() {
   fi
   echo "$path"
 }
-agent=$(find_binary dorn-host-agent)
+[ -n "$agent" ] || agent=$(find_binary dorn-host-agent)
 relay=$(find_binary mpa-relay)
 sandbox=$(find_binary zel-sandbox)
 
-work="$build/run"
+work="${RUN_DIR:-$build/run}"
 rm -rf "$work"
 mkdir -p "$work/standins"
 
@@ -104,6 +131,7 @@ ackTimeout=300
 updateCheckFrequency=60
 monitoringStartDelay=1
 EOF
+if [ -n "$config" ]; then cp "$config" "$work/dornConfig.ini"; fi
 
 # A throw-away host key, so the agent never reads this machine's.
 if command -v ssh-keygen >/dev/null 2>&1; then
@@ -172,9 +200,9 @@ EOF
 # after the session the agent's documented stop.
 cat > "$work/drive.sh" <<'EOF'
 #!/bin/sh
-relay=$1; agent=$2; session=$3
+relay=$1; agent=$2; session=$3; stop_helper=${4:-}
 ready=/run/mpa-relay.ready
-alive() { [ -r "/proc/$1/stat" ] && ! grep -q '^[0-9]* (.*) Z' "/proc/$1/stat"; }
+alive() { [ -r "/proc/$1/stat" ] && ! grep -q '^[0-9]* (.*) Z' "/proc/$1/stat" 2>/dev/null; }
 await_exit() {  # pid, tenths of a second
   n=0
   while alive "$1" && [ "$n" -lt "$2" ]; do sleep 0.1; n=$((n + 1)); done
@@ -195,15 +223,28 @@ set +e
 wait "$relay_pid"
 rc=$?
 echo "== session over (relay exit $rc); stopping the agent"
-kill -TERM "$agent_pid" 2>/dev/null
-if await_exit "$agent_pid" 30; then
-  echo "== agent ended on SIGTERM"
-else
-  echo "== SIGTERM stopped the agent's dispatcher; SIGINT ends the process"
-  kill -INT "$agent_pid" 2>/dev/null
-  if ! await_exit "$agent_pid" 50; then
-    echo "== agent still running; SIGKILL"
+if [ -n "$stop_helper" ]; then
+  # As systemd stops the unit: ExecStop, then KillSignal once.
+  "$stop_helper" "$agent_pid"
+  kill -TERM "$agent_pid" 2>/dev/null
+  if await_exit "$agent_pid" 50; then
+    echo "== agent ended by the unit's stop (ExecStop, then SIGTERM)"
+  else
+    echo "== agent still running after the unit's stop; SIGKILL"
     kill -KILL "$agent_pid" 2>/dev/null
+    [ "$rc" -ne 0 ] || rc=4
+  fi
+else
+  kill -TERM "$agent_pid" 2>/dev/null
+  if await_exit "$agent_pid" 30; then
+    echo "== agent ended on SIGTERM"
+  else
+    echo "== SIGTERM stopped the agent's dispatcher; SIGINT ends the process"
+    kill -INT "$agent_pid" 2>/dev/null
+    if ! await_exit "$agent_pid" 50; then
+      echo "== agent still running; SIGKILL"
+      kill -KILL "$agent_pid" 2>/dev/null
+    fi
   fi
 fi
 wait "$agent_pid" 2>/dev/null
@@ -220,7 +261,7 @@ set +e
   --standin "$work/standins/lsb_release" \
   --log-copy "$work/agent.log" \
   --timeout 120 \
-  -- /bin/sh "$work/drive.sh" "$relay" "$agent" "$work/session.txt"
+  -- /bin/sh "$work/drive.sh" "$relay" "$agent" "$work/session.txt" "$stop_helper"
 rc=$?
 set -e
 
