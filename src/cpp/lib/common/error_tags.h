@@ -15,6 +15,8 @@
 
 namespace zel {
 
+// A file store that cannot remove a file or get back within its limits.
+inline constexpr char kTagCmnLib50[] = "errorCode:CMNLIB50";
 // The provider was asked to run while it runs.
 inline constexpr char kTagCmnLib100[] = "errorCode:CMNLIB100";
 // Timers: a failed schedule, a failed cancel, a handler in a wrong state.

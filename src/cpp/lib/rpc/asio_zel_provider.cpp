@@ -23,6 +23,18 @@ struct AsioZelProvider::Signals {
   boost::asio::signal_set set;
 };
 
+namespace {
+
+// The registry of the "metrics" subtree; without one, every default.
+std::unique_ptr<metrics::MetricRegistry> BuildRegistry(const boost::property_tree::ptree& config,
+                                                       TimerFactory& timers) {
+  metrics::MetricRegistryBuilder builder(timers);
+  if (const auto tree = config.get_child_optional("metrics")) builder.Configure(*tree);
+  return builder.Build();
+}
+
+}  // namespace
+
 boost::shared_ptr<AsioZelProvider> AsioZelProvider::Create(
     const boost::property_tree::ptree& config, ProviderStartupOptions options) {
   return boost::shared_ptr<AsioZelProvider>(new AsioZelProvider(config, options));
@@ -34,7 +46,7 @@ AsioZelProvider::AsioZelProvider(const boost::property_tree::ptree& config,
       config_(new boost::property_tree::ptree(config)),
       dispatcher_(new AsioDispatcher()),
       timerFactory_(new AsioTimerFactory(dispatcher_->GetIoContextHandle())),
-      metricRegistry_(new metrics::MetricRegistry()) {
+      metricRegistry_(BuildRegistry(config, *timerFactory_)) {
   ZEL_RPC_LOG(kLogInfo).format("AsioZelProvider: initializing...");
   ZEL_RPC_LOG(kLogInfo).format("AsioZelProvider: successfully initialized");
 }
@@ -45,6 +57,8 @@ AsioZelProvider::~AsioZelProvider() {
     DropSignals_();
     running_ = false;
   }
+  // The last report, while the timers and the dispatcher still exist.
+  metricRegistry_->Shutdown();
   // The dispatcher's own destructor stops it with force and joins its threads.
 }
 

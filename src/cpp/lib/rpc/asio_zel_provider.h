@@ -1,7 +1,9 @@
 // zel::rpc::AsioZelProvider: the root object of an application's event
 // machinery. It owns the dispatcher, a timer factory on the dispatcher's
 // io_context, the metric registry and the configuration tree, and it runs and
-// stops the dispatcher's threads.
+// stops the dispatcher's threads. The registry is built from the subtree
+// "metrics" of the configuration (MetricRegistryBuilder::Configure) and
+// reports on the dispatcher; it makes its last report when the provider goes.
 //
 //   auto provider = zel::rpc::AsioZelProvider::Create(
 //       boost::property_tree::ptree(), {/*stop_on_signals=*/true});
