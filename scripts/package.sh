@@ -20,7 +20,8 @@ cmake --preset package >/dev/null
 echo "== build"
 cmake --build --preset package -j "${JOBS:-$(nproc)}"
 echo "== packages"
-if ! out=$(cd "$build" && cpack -G "DEB;RPM" 2>&1); then
+# rpmbuild on Debian keeps an rpm database under $HOME: keep it in the build.
+if ! out=$(cd "$build" && HOME="$PWD" cpack -G "DEB;RPM" 2>&1); then
   echo "$out" >&2
   exit 1
 fi

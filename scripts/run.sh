@@ -16,7 +16,10 @@
 #   scripts/run.sh --no-build   run with what is built
 #   JOBS=N scripts/run.sh       build with N jobs (default: nproc)
 #   RUN_DIR=DIR scripts/run.sh  keep the session's files in DIR (default:
-#                               build/default/run; emptied first)
+#                               build/default/run); emptied first, and only
+#                               if run.sh made it
+#   BUILD_DIR=DIR scripts/run.sh  take the relay and the sandbox from DIR
+#                               (default: build/default)
 #
 # To run an installed agent instead (as the package tests do):
 #   --agent PATH         this agent binary
@@ -33,6 +36,9 @@ caller=$PWD
 cd "$(dirname "$0")/.."
 root=$(pwd)
 build="$root/build/default"
+if [ -n "${BUILD_DIR:-}" ]; then
+  case "$BUILD_DIR" in /*) build=$BUILD_DIR ;; *) build=$caller/$BUILD_DIR ;; esac
+fi
 
 build_first=1
 agent="" config="" stop_helper=""
@@ -62,7 +68,8 @@ done
 
 if [ "$(id -u)" -ne 0 ]; then
   if command -v sudo >/dev/null 2>&1; then
-    exec sudo JOBS="${JOBS:-}" bash "$0" "${original_args[@]}"
+    exec sudo JOBS="${JOBS:-}" RUN_DIR="${RUN_DIR:-}" BUILD_DIR="${BUILD_DIR:-}" \
+      bash "$0" "${original_args[@]}"
   fi
   echo "run.sh: the sandbox needs root (namespaces and mounts); run it as root" >&2
   exit 1
@@ -88,9 +95,23 @@ find_binary() {
 relay=$(find_binary mpa-relay)
 sandbox=$(find_binary zel-sandbox)
 
-work="${RUN_DIR:-$build/run}"
+work="$build/run"
+if [ -n "${RUN_DIR:-}" ]; then
+  case "$RUN_DIR" in /*) work=$RUN_DIR ;; *) work=$caller/$RUN_DIR ;; esac
+fi
+# Of a directory given by RUN_DIR, only one that run.sh made is emptied.
+marker=.made-by-run.sh
+if [ -n "${RUN_DIR:-}" ] && [ -e "$work" ] && [ ! -e "$work/$marker" ]; then
+  if [ -d "$work" ] && [ -z "$(ls -A "$work")" ]; then
+    :
+  else
+    echo "run.sh: $work exists and was not made by run.sh; not emptying it" >&2
+    exit 2
+  fi
+fi
 rm -rf "$work"
 mkdir -p "$work/standins"
+: > "$work/$marker"
 
 # --- the host the agent sees ---------------------------------------------
 fakes="$root/tests/fakes/hosts/ubuntu"

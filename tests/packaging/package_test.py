@@ -65,7 +65,10 @@ SERVICE_VERBS = {"start", "restart", "try-restart", "stop", "enable", "disable"}
 
 
 def run(cmd, check=True, **kw):
-    """Runs cmd; on failure the assertion message carries its output."""
+    """Runs cmd; on failure the assertion message carries its output. HOME is
+    the scratch directory, where rpm keeps its database on Debian."""
+    if "env" not in kw and Packages.scratch:
+        kw["env"] = dict(os.environ, HOME=Packages.scratch)
     p = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
     if check and p.returncode != 0:
         raise AssertionError("%s: exit %d\n%s" % (" ".join(cmd), p.returncode, p.stdout))
@@ -86,7 +89,6 @@ class Packages:
 
     @classmethod
     def build(cls):
-        cls.scratch = tempfile.mkdtemp(prefix="package-test.", dir=BUILD)
         out = os.path.join(cls.scratch, "packages")
         run(["cpack", "--config", os.path.join(BUILD, "CPackConfig.cmake"), "-G", "DEB;RPM", "-B", out])
         cls.deb = next(os.path.join(out, f) for f in os.listdir(out) if f.endswith(".deb"))
@@ -210,14 +212,33 @@ class PackageTest(unittest.TestCase):
         self.assertEqual(errors, [], out)
         print("lintian:\n" + (out or "  no errors, no warnings"), file=sys.stderr)
 
-    def test_rpm_carries_the_scriptlets_and_installs_into_a_scratch_root(self):
-        scripts = run(["rpm", "-qp", "--scripts", Packages.rpm])
-        for scriptlet, does in (("postinstall", "enable"), ("preuninstall", "disable --now"),
-                                ("postuninstall", "try-restart")):
-            with self.subTest(scriptlet=scriptlet):
-                body = scripts.split(scriptlet + " scriptlet")[1].split(" scriptlet")[0]
-                self.assertIn("systemctl", body)
-                self.assertIn(does, body)
+    def test_rpm_scriptlets_do_what_the_debian_scripts_do(self):
+        # Each scriptlet as the RPM carries it, run with rpm's count argument
+        # against the recording systemctl.
+        scripts = run(["rpm", "-qp", "--qf", "%{POSTIN}\n===\n%{PREUN}\n===\n%{POSTUN}\n", Packages.rpm])
+        post, preun, postun = scripts.split("\n===\n")
+        overlay = OverlayRoot(Packages.scratch)
+        try:
+            os.makedirs(overlay.path("/etc/orvane/zel-dorn"), exist_ok=True)
+            for name, body, count, calls, status_left in (
+                    ("post", post, 1, ["enable"], True),        # install: enable and start
+                    ("post", post, 2, [], True),                # upgrade: %postun restarts
+                    ("preun", preun, 1, [], True),              # upgrade
+                    ("preun", preun, 0, ["disable"], False),    # erase: stop, disable
+                    ("postun", postun, 1, ["try-restart"], True),
+                    ("postun", postun, 0, [], True)):
+                with self.subTest(scriptlet=name, count=count):
+                    with open(overlay.path(STATUS_FILE), "w") as f:
+                        f.write("0001")
+                    with open(overlay.path("/tmp/scriptlet"), "w") as f:
+                        f.write(body)
+                    overlay.chroot("sh", "-e", "/tmp/scriptlet", str(count))
+                    self.assertEqual(overlay.systemd_calls(), calls)
+                    self.assertEqual(os.path.exists(overlay.path(STATUS_FILE)), status_left)
+        finally:
+            overlay.close()
+
+    def test_rpm_installs_into_a_scratch_root(self):
         root = tempfile.mkdtemp(prefix="rpm-root.", dir=Packages.scratch)
         # A scratch root has no shell to run scriptlets in, and no libraries.
         run(["rpm", "-i", "--root", root, "--nodeps", "--noscripts", Packages.rpm])
@@ -248,12 +269,15 @@ class PackageTest(unittest.TestCase):
             child.stdin.write("\n")
             child.stdin.flush()
             self.assertEqual(child.stdout.readline(), "default\n")
-            self.assertEqual(helper.wait(timeout=10), 0)
+            # Well within the helper's own 10 s bound.
+            self.assertEqual(helper.wait(timeout=3), 0)
             child.send_signal(15)  # systemd's KillSignal
             self.assertEqual(child.wait(timeout=10), -15)
         finally:
             child.kill()
             child.wait()
+        # An agent that ended by itself: systemd runs ExecStop without a PID.
+        self.assertEqual(subprocess.run([os.path.join(SOURCE, "packaging/dorn-host-agent-stop")]).returncode, 0)
 
     def test_installed_agent_is_enabled_verified_and_answers_the_session(self):
         overlay = OverlayRoot(Packages.scratch)
@@ -275,7 +299,7 @@ class PackageTest(unittest.TestCase):
                            "--agent", overlay.path(unit["ExecStart"]),
                            "--config", overlay.path(CONFFILE),
                            "--stop-helper", overlay.path(unit["ExecStop"])],
-                          env=dict(os.environ, RUN_DIR=os.path.join(Packages.scratch, "run")))
+                          env=dict(os.environ, RUN_DIR=os.path.join(Packages.scratch, "run"), BUILD_DIR=BUILD))
             self.assertIn("done: 7 requests, 7 answers", session)
             self.assertIn("agent ended by the unit's stop (ExecStop, then SIGTERM)", session)
         finally:
@@ -328,8 +352,9 @@ def main():
         # Every mount of the test lives and dies with a private mount namespace.
         os.execvpe("unshare", ["unshare", "--mount", "--propagation", "private", "--",
                                sys.executable] + sys.argv, dict(os.environ, **{NS_MARK: "1"}))
-    Packages.build()
+    Packages.scratch = tempfile.mkdtemp(prefix="package-test.", dir=BUILD)
     try:
+        Packages.build()
         result = unittest.main(argv=sys.argv[:1], exit=False, verbosity=2).result
     finally:
         # Only a tree with nothing mounted in it is removed.
