@@ -200,7 +200,7 @@ void MetricRegistry::AddPublisher(std::shared_ptr<Publisher> publisher) {
   if (!publisher) throw std::invalid_argument("MetricRegistry::AddPublisher: null publisher");
   ZEL_METRICS_LOG(kLogInfo).format("Metrics: configured to report to %s", publisher->name().c_str());
   std::lock_guard<std::mutex> lock(impl_->mutex);
-  if (impl_->running) publisher->Start();
+  publisher->Start();
   impl_->publishers.push_back(std::move(publisher));
 }
 

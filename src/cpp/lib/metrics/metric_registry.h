@@ -80,8 +80,8 @@ class MetricRegistry {
   const std::string& root_namespace() const;
   const MetricRegistrySettings& settings() const;
 
-  // Adds a publisher to every later cycle. Throws std::invalid_argument for
-  // a null pointer.
+  // Starts a publisher and adds it to every later cycle. Throws
+  // std::invalid_argument for a null pointer.
   void AddPublisher(std::shared_ptr<Publisher> publisher);
 
   // One cycle: Update, Collect, Publish, if the registry runs.

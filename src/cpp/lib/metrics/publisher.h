@@ -38,7 +38,7 @@ class Publisher {
   virtual ~Publisher() = default;
   // "log", "text", "noop", "rpc": shown by "Metrics: configured to report to %s".
   virtual std::string name() const = 0;
-  // Called once when the registry starts reporting, before the first cycle.
+  // Called once when the publisher joins a registry, before its first cycle.
   virtual void Start() = 0;
   virtual std::unique_ptr<Reporter> GetReporter() = 0;
 };

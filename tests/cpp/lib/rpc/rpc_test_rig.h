@@ -33,6 +33,7 @@
 #include "cpp/lib/rpc/rpc_connection.h"
 #include "cpp/lib/timer/impl/asio_timer_factory.h"
 #include "support/log_capture.h"
+#include "support/manual_timers.h"
 #include "support/wait.h"
 
 namespace zel {
@@ -177,54 +178,7 @@ class FakeTransport : public TransportInterface {
   const std::shared_ptr<ChannelFactoryInterface> channels_;
 };
 
-// Timers that fire only when the test says so.
-class ManualTimers : public TimerFactory {
- public:
-  TimerPtr CreateTimer(std::chrono::nanoseconds interval, TimerCallback callback) override {
-    auto timer = boost::make_shared<Manual>();
-    std::lock_guard<std::mutex> lock(mutex_);
-    armed_.push_back({interval, std::move(callback), timer});
-    return timer;
-  }
-  TimerPtr CreatePeriodicTimer(std::chrono::nanoseconds interval, TimerCallback callback,
-                               bool) override {
-    return CreateTimer(interval, std::move(callback));
-  }
-  // Timers of `interval` armed and not cancelled.
-  std::size_t Armed(std::chrono::nanoseconds interval) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& a : armed_) n += a.interval == interval && !a.timer->cancelled;
-    return n;
-  }
-  // Fires every live timer of `interval`, once.
-  void Fire(std::chrono::nanoseconds interval) {
-    std::vector<TimerCallback> due;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (auto& a : armed_) {
-        if (a.interval == interval && !a.timer->cancelled) {
-          a.timer->cancelled = true;
-          due.push_back(a.callback);
-        }
-      }
-    }
-    for (auto& callback : due) callback();
-  }
-
- private:
-  struct Manual : Timer {
-    std::atomic<bool> cancelled{false};
-    void Cancel() override { cancelled = true; }
-  };
-  struct Armed_ {
-    std::chrono::nanoseconds interval;
-    TimerCallback callback;
-    boost::shared_ptr<Manual> timer;
-  };
-  std::mutex mutex_;
-  std::vector<Armed_> armed_;
-};
+using zel::testing::ManualTimers;
 
 // Accepted connections of a listener, in order.
 class Accepted {
