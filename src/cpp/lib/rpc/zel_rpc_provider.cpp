@@ -1,9 +1,12 @@
 #include "cpp/lib/rpc/zel_rpc_provider.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <future>
 
 #include <boost/asio/io_context.hpp>
+#include <boost/property_tree/ptree.hpp>
 
 #include "cpp/lib/common/asio_dispatcher.h"
 #include "cpp/lib/common/logger.h"
@@ -13,6 +16,7 @@
 #include "cpp/lib/rpc/channel_impl.h"
 #include "cpp/lib/rpc/channel_scheduler.h"
 #include "cpp/lib/rpc/method.h"
+#include "cpp/lib/rpc/rpc_publisher.h"
 #include "cpp/lib/rpc/rpc_transport.h"
 #include "cpp/lib/timer/impl/asio_timer_factory.h"
 
@@ -22,6 +26,14 @@ namespace {
 
 constexpr int kDrainRounds = 4;
 constexpr std::chrono::seconds kDrainWait{1};
+
+// The program's name, for the "app" tag of metrics reports.
+std::string AppName() {
+  char exe[4096];
+  const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  const std::string ns = metrics::ProgramNamespace(n > 0 ? std::string(exe, static_cast<std::size_t>(n)) : "");
+  return ns.substr(ns.rfind('/') + 1);
+}
 
 }  // namespace
 
@@ -49,9 +61,19 @@ AsioZelRpcProvider::AsioZelRpcProvider(const boost::property_tree::ptree& config
       dispatcher, dispatcher->GetIoContextHandle(), timers_, names_, std::move(security), root});
   transport_ = RpcTransport::Create(
       RpcTransport::Params{net_, channels_, registry_, dispatcher, timers_, root});
+  // Metrics reports to the collector service, one publisher per "rpc" node.
+  if (const auto publishers = config.get_child_optional("metrics.publishers")) {
+    for (const auto& node : *publishers) {
+      if (node.first != "rpc") continue;
+      base_->GetMetricRegistry().AddPublisher(std::make_shared<RpcPublisher>(
+          RpcPublisherOptions::FromTree(node.second, AppName()), transport_, channels_, timers_));
+    }
+  }
 }
 
 AsioZelRpcProvider::~AsioZelRpcProvider() {
+  // The last metrics report goes while the transport can still carry it.
+  base_->GetMetricRegistry().Shutdown();
   // The transport goes down first, on this thread: the dispatcher may not be
   // running any more to take a posted shutdown.
   transport_->ShutdownNow();

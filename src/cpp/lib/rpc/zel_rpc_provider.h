@@ -3,7 +3,9 @@
 // name resolver and net transport, the service registry, the channel
 // scheduler, the channel factory and the RPC transport; it owns the threads
 // that serve them all; and it takes them down in the reverse order, after
-// the transport's shutdown.
+// the metric registry's last report and the transport's shutdown. Each "rpc"
+// node under "metrics.publishers" of the configuration adds an RpcPublisher
+// on this transport to the registry.
 //
 //   auto provider = AsioZelRpcProvider::Create(boost::property_tree::ptree());
 //   provider->GetRegistry()->RegisterService(std::make_shared<MyService>());

@@ -1,0 +1,178 @@
+// The RPC metrics publisher against the collector stand-in over a Unix
+// socket: reports in order with their tags, the newest five kept while the
+// collector is away, and the publisher the RPC provider makes from its
+// configuration.
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "cpp/lib/metrics/counters.h"
+#include "cpp/lib/metrics/metric.h"
+#include "cpp/lib/metrics/metric_registry.h"
+#include "cpp/lib/rpc/asio_zel_provider.h"
+#include "cpp/lib/rpc/channel_impl.h"
+#include "cpp/lib/rpc/rpc_publisher.h"
+#include "cpp/lib/rpc/rpc_transport.h"
+#include "cpp/lib/rpc/zel_rpc_provider.h"
+#include "metrics_collector/collector.h"
+#include "orvane/zel/metrics/zel_metrics.pb.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+
+namespace zel {
+namespace rpc {
+namespace {
+
+using ::orvane::zel::metrics::MetricKeyMsg;
+using ::orvane::zel::metrics::MetricsReportMsg;
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using zel::testing::kDeadline;
+
+// The value of "/zel/<name>" in a report, -1 when absent.
+double ValueOf(const MetricsReportMsg& report, const std::string& name) {
+  for (const MetricKeyMsg& zel : report.root().subkey()) {
+    if (zel.name() != "zel") continue;
+    for (const MetricKeyMsg& k : zel.subkey()) {
+      if (k.name() == name && k.has_value()) return k.value().value_last();
+    }
+  }
+  return -1;
+}
+
+std::vector<std::pair<std::string, std::string>> Tags(const MetricsReportMsg& report) {
+  std::vector<std::pair<std::string, std::string>> tags;
+  for (const auto& t : report.tag()) tags.emplace_back(t.key(), t.value());
+  return tags;
+}
+
+class RpcPublisherTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    endpoint_ = "unix://" + dir_.path() + "/mc.sock";
+    client_->Run(1, false);
+  }
+
+  // A collector on the test's socket; a stale socket file goes first.
+  std::unique_ptr<tools::MetricsCollector> StartCollector() {
+    unlink((dir_.path() + "/mc.sock").c_str());
+    auto collector = std::make_unique<tools::MetricsCollector>(out_, false);
+    EXPECT_FALSE(collector->Listen(endpoint_));
+    return collector;
+  }
+
+  std::shared_ptr<RpcPublisher> MakePublisher(std::size_t queue = 5) {
+    RpcPublisherOptions o;
+    o.endpoint = endpoint_;
+    o.max_report_queue_size = queue;
+    o.tags = {{"source", ""}, {"app", "test"}};
+    o.retry = RetryPolicy(20, 200, 2.0);
+    return std::make_shared<RpcPublisher>(o, client_->GetTransport(), client_->GetChannelFactory(),
+                                          client_->GetTimers(), [](std::string*) { return false; });
+  }
+
+  // Sets /zel/n to `n` and reports it.
+  void Report(double n) {
+    counter_->set(static_cast<uint64_t>(n));
+    registry_.Collect();
+    registry_.Publish();
+  }
+
+  testing::TempDir dir_;
+  std::string endpoint_;
+  std::ostringstream out_;
+  std::shared_ptr<AsioZelRpcProvider> client_ = AsioZelRpcProvider::Create(boost::property_tree::ptree());
+  metrics::MetricRegistry registry_;
+  metrics::Metric<metrics::UnitCounter> counter_{registry_.root()->subkey("n")};
+};
+
+TEST_F(RpcPublisherTest, ReportsArriveInOrderOnOneStreamWithTheirTags) {
+  testing::LogCapture log;
+  auto collector = StartCollector();
+  registry_.AddPublisher(MakePublisher());
+  for (int n = 1; n <= 3; ++n) Report(n);
+  ASSERT_TRUE(collector->WaitForReports(3, kDeadline));
+  const std::vector<MetricsReportMsg> reports = collector->Reports();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(ValueOf(reports[i], "n"), i + 1);
+  EXPECT_EQ(collector->Calls(), 1u);
+  // The host name could not be had: the source is "unknown".
+  EXPECT_THAT(Tags(reports[0]), ElementsAre(Pair("source", "unknown"), Pair("app", "test")));
+  EXPECT_EQ(log.Count("Metrics: RpcPublisher - failed to get host name: "), 3u);
+  // Keys without a value stay, empty: the root and "/zel".
+  EXPECT_EQ(reports[0].root().name(), "/");
+  EXPECT_FALSE(reports[0].root().has_value());
+  EXPECT_THAT(out_.str(), ::testing::HasSubstr("report source=unknown app=test\n"));
+}
+
+TEST_F(RpcPublisherTest, WhileTheCollectorIsAwayTheNewestReportsWaitAndGoFirstOnItsReturn) {
+  testing::LogCapture log;
+  auto publisher = MakePublisher(5);
+  auto collector = StartCollector();
+  registry_.AddPublisher(publisher);
+  Report(1);
+  ASSERT_TRUE(collector->WaitForReports(1, kDeadline));
+  collector.reset();
+  ASSERT_TRUE(log.WaitFor("Metrics: RpcPublisher - CallStatus"));
+
+  for (int n = 10; n <= 16; ++n) Report(n);  // seven reports, room for five
+  EXPECT_EQ(publisher->dropped(), 2u);
+  EXPECT_EQ(log.Count("Metrics: RpcPublisher - dropped the oldest report"), 2u);
+
+  collector = StartCollector();
+  ASSERT_TRUE(collector->WaitForReports(5, kDeadline));
+  Report(17);  // after the queued ones on the same stream: nothing else came between
+  ASSERT_TRUE(collector->WaitForReports(6, kDeadline));
+  std::vector<double> values;
+  for (const auto& r : collector->Reports()) values.push_back(ValueOf(r, "n"));
+  EXPECT_THAT(values, ElementsAre(12, 13, 14, 15, 16, 17));
+  EXPECT_GE(log.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
+}
+
+TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfiguration) {
+  testing::LogCapture log;
+  auto collector = StartCollector();
+  std::istringstream xml("<metrics><publishers><rpc><endpoint>" + endpoint_ +
+                         "</endpoint><tags><tag key=\"zone\" value=\"blue\"/><tag><key>source</key><value/></tag>"
+                         "<tag><key>lonely</key></tag></tags></rpc></publishers></metrics>");
+  boost::property_tree::ptree config;
+  boost::property_tree::read_xml(xml, config, boost::property_tree::xml_parser::trim_whitespace);
+  auto provider = AsioZelRpcProvider::Create(config);
+  provider->Run(1, false);
+  provider->base()->GetMetricRegistry().Report();  // the registry's own cycle, now
+  ASSERT_TRUE(collector->WaitForReports(1, kDeadline));
+  char host[1024] = {};
+  gethostname(host, sizeof host - 1);
+  EXPECT_THAT(Tags(collector->Reports()[0]),
+              ElementsAre(Pair("zone", "blue"), Pair("source", host), Pair("app", "rpc_publisher_test")));
+  EXPECT_EQ(log.Count("Metrics: RpcPublisher: Options - skipping tag 'lonely' - no key/value"), 1u);
+  EXPECT_EQ(log.Count("Metrics: configured to report to rpc"), 1u);
+  // The registry's own figures are among the values.
+  EXPECT_THAT(tools::MetricsCollector::Json(collector->Reports()[0]),
+              ::testing::HasSubstr("\"/zel/metrics/collect/keys\":{"));
+}
+
+TEST(RpcPublisherOptionsTest, DefaultsAndTheirPrintedForm) {
+  testing::LogCapture log;
+  const RpcPublisherOptions o = RpcPublisherOptions::FromTree(boost::property_tree::ptree(), "agent");
+  EXPECT_EQ(o.ToString(),
+            "{ endpoint:'unix:///var/run/orvane/zel/metrics-collector.sock', max_report_queue_size:5, tags:2 }");
+  EXPECT_EQ(log.Count("Metrics: RpcPublisher: adding tag app='agent'"), 1u);
+  boost::property_tree::ptree bad;
+  bad.put("max_report_queue_size", "-3");
+  EXPECT_EQ(RpcPublisherOptions::FromTree(bad, "agent").max_report_queue_size, 5u);
+  EXPECT_EQ(log.Count("invalid max_report_queue_size '-3'"), 1u);
+}
+
+}  // namespace
+}  // namespace rpc
+}  // namespace zel
