@@ -20,6 +20,8 @@ PACKAGES=(
   libspdlog-dev libbson-dev
   # sandbox for end-to-end tests: namespaces, mounts, loopback
   iproute2 util-linux procps passwd
+  # metrics plots (scripts/plot_metrics.py)
+  python3-matplotlib
   # packages: library dependencies of the .deb, rpmbuild, and their checks
   dpkg-dev file rpm lintian systemd init-system-helpers
 )
