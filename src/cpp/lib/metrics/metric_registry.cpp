@@ -64,7 +64,14 @@ struct MetricRegistry::Impl {
 
 void MetricRegistry::Impl::UpdateLocked() {
   ZEL_METRICS_LOG(kLogDebug).format("Metrics: updating monitors...");
-  for (const auto& monitor : monitors) monitor->Update();
+  for (const auto& monitor : monitors) {
+    // A failing monitor costs its own values only, never the cycle.
+    try {
+      monitor->Update();
+    } catch (...) {
+      ZEL_LOG_CAUGHT_EXCEPTION(ZEL_METRICS_LOG, kTagMxLib9999, "MetricMonitor::Update");
+    }
+  }
 }
 
 void MetricRegistry::Impl::CollectKey(const MetricKeyPtr& key, std::size_t* count) {
@@ -143,9 +150,10 @@ MetricRegistry::MetricRegistry(const std::string& rootNamespace)
             s.root_namespace = rootNamespace;
             return s;
           }(),
-          nullptr) {}
+          nullptr, {}) {}
 
-MetricRegistry::MetricRegistry(const MetricRegistrySettings& settings, TimerFactory* timers)
+MetricRegistry::MetricRegistry(const MetricRegistrySettings& settings, TimerFactory* timers,
+                               std::vector<std::shared_ptr<Publisher>> publishers)
     : impl_(std::make_shared<Impl>(settings)) {
   ZEL_METRICS_LOG(kLogVerbose).format("MetricRegistry: is created");
   Impl& m = *impl_;
@@ -158,6 +166,17 @@ MetricRegistry::MetricRegistry(const MetricRegistrySettings& settings, TimerFact
 
   ZEL_METRICS_LOG(kLogInfo).format("Metrics: root namespace: '%s'", settings.root_namespace.c_str());
   m.monitors = MakeMonitors(m.root, settings.monitors);
+  std::string names;
+  for (const auto& p : publishers) {
+    p->Start();
+    names += (names.empty() ? "" : ", ") + p->name();
+  }
+  m.publishers = std::move(publishers);
+  if (names.empty()) {
+    ZEL_METRICS_LOG(kLogWarn).format("Metrics: reporting is disabled - no publishers set");
+  } else {
+    ZEL_METRICS_LOG(kLogInfo).format("Metrics: configured to report to %s", names.c_str());
+  }
   m.running = true;
   ZEL_METRICS_LOG(kLogInfo).format("Metrics: scheduling periodic collection every %ld seconds, aligned=%s",
                                    static_cast<long>(settings.report_interval_sec),
@@ -174,9 +193,14 @@ MetricRegistry::MetricRegistry(const MetricRegistrySettings& settings, TimerFact
         ZEL_METRICS_LOG(kLogDebug).format("MetricRegistry::Report");
         std::lock_guard<std::mutex> lock(self->mutex);
         if (!self->running) return;
-        self->UpdateLocked();
-        self->CollectLocked();
-        self->PublishLocked();
+        // Nothing of a cycle may reach the dispatcher.
+        try {
+          self->UpdateLocked();
+          self->CollectLocked();
+          self->PublishLocked();
+        } catch (...) {
+          ZEL_LOG_CAUGHT_EXCEPTION(ZEL_METRICS_LOG, kTagMxLib9999, "MetricRegistry::Report");
+        }
       },
       settings.use_aligned_timers);
 }
@@ -235,8 +259,13 @@ void MetricRegistry::Shutdown() {
   m.shutDown = true;
   const bool wasRunning = m.running;
   m.running = false;
-  if (!wasRunning) return;
   ZEL_METRICS_LOG(kLogInfo).format("Metrics: Shutdown");
+  if (!wasRunning) {
+    // A registry driven by hand reports only when asked.
+    m.publishers.clear();
+    m.monitors.clear();
+    return;
+  }
   if (m.timer) m.timer->Cancel();
   m.timer.reset();
   if (m.settings.report_at_shutdown) {
@@ -259,6 +288,11 @@ std::string ProgramNamespace(const std::string& exe) {
   return "/zel/" + stem;
 }
 
+namespace {
+// A year: longer intervals are a mistake, and would overflow in nanoseconds.
+constexpr int64_t kMaxReportIntervalSec = 366LL * 24 * 3600;
+}  // namespace
+
 MetricRegistryBuilder::MetricRegistryBuilder(TimerFactory& timers) : timers_(timers) {}
 MetricRegistryBuilder::~MetricRegistryBuilder() = default;
 
@@ -277,7 +311,7 @@ MetricRegistryBuilder& MetricRegistryBuilder::ReportIntervalSec(int64_t seconds)
   if (seconds == 0) {
     ZEL_METRICS_LOG(kLogWarn).format("Metrics: setting reporting interval to the default value");
     seconds = MetricRegistrySettings::kDefaultReportIntervalSec;
-  } else if (seconds < 0) {
+  } else if (seconds < 0 || seconds > kMaxReportIntervalSec) {
     ZEL_METRICS_LOG(kLogWarn).format("Metrics: invalid report_interval_sec %ld - using the default",
                                      static_cast<long>(seconds));
     seconds = MetricRegistrySettings::kDefaultReportIntervalSec;
@@ -337,6 +371,7 @@ MetricRegistryBuilder& MetricRegistryBuilder::Configure(const boost::property_tr
   if (const auto monitors = tree.get_child_optional("monitors")) {
     std::vector<std::string> list;
     for (const ptree::value_type& m : *monitors) {
+      if (!m.first.empty() && m.first[0] == '<') continue;  // XML comments and attributes
       if (m.first != "file-system") {
         list.push_back(m.first);
         continue;
@@ -354,6 +389,7 @@ MetricRegistryBuilder& MetricRegistryBuilder::Configure(const boost::property_tr
   }
   if (const auto publishers = tree.get_child_optional("publishers")) {
     for (const ptree::value_type& p : *publishers) {
+      if (!p.first.empty() && p.first[0] == '<') continue;  // XML comments and attributes
       if (p.first == "log") {
         AddPublisher(std::make_shared<LogPublisher>(LogPublisherOptions::FromTree(p.second)));
       } else if (p.first == "text") {
@@ -375,18 +411,7 @@ std::unique_ptr<MetricRegistry> MetricRegistryBuilder::Build() {
     publishers_.push_back(std::make_shared<NoopPublisher>());
   }
   try {
-    std::unique_ptr<MetricRegistry> registry(new MetricRegistry(settings_, &timers_));
-    std::string names;
-    {
-      std::lock_guard<std::mutex> lock(registry->impl_->mutex);
-      for (const auto& p : publishers_) {
-        p->Start();
-        names += (names.empty() ? "" : ", ") + p->name();
-        registry->impl_->publishers.push_back(p);
-      }
-    }
-    ZEL_METRICS_LOG(kLogInfo).format("Metrics: configured to report to %s", names.c_str());
-    return registry;
+    return std::unique_ptr<MetricRegistry>(new MetricRegistry(settings_, &timers_, publishers_));
   } catch (const std::exception& e) {
     ZEL_METRICS_LOG(kLogError).addTag(kTagMxLib100).format("Metrics: failed to initialize Registry");
     throw std::runtime_error("Metrics: failed to initialize Registry");

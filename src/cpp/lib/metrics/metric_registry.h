@@ -97,7 +97,8 @@ class MetricRegistry {
 
  private:
   friend class MetricRegistryBuilder;
-  MetricRegistry(const MetricRegistrySettings& settings, TimerFactory* timers);
+  MetricRegistry(const MetricRegistrySettings& settings, TimerFactory* timers,
+                 std::vector<std::shared_ptr<Publisher>> publishers);
 
   const std::shared_ptr<Impl> impl_;
 };

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -141,8 +142,11 @@ FileSystemMonitor::FileSystemMonitor(const MetricKeyPtr& treeRoot, std::vector<s
     : fs_(std::move(fs)) {
   const MetricKeyPtr key = treeRoot->subkey("zel/system/fs");
   for (std::string& p : paths) {
-    // The path's components become keys: /zel/system/fs/var/log/free.
-    const MetricKeyPtr group = key->subkey(p);
+    // One key per path, its slashes turned into backslashes as in instance
+    // names: /zel/system/fs/\var\log/free.
+    std::string name = p;
+    std::replace(name.begin(), name.end(), '/', '\\');
+    const MetricKeyPtr group = key->subkey(name);
     groups_.push_back(Group{std::move(p), Metric<SimpleUnitCounter>(group->subkey("capacity"), "B"),
                             Metric<SimpleUnitCounter>(group->subkey("free"), "B"),
                             Metric<SimpleUnitCounter>(group->subkey("available"), "B")});

@@ -8,7 +8,8 @@
 //                          load/15m-avg, memory/{total,free,share,buffer},
 //                          swap/{total,free}, procs}, from sysinfo(2); loads
 //                          are hundredths
-//   FileSystemMonitor      /zel/system/fs/<path>/{capacity, free, available}, in
+//   FileSystemMonitor      /zel/system/fs/<path with \ for />/{capacity, free,
+//                          available}, in
 //                          bytes, from the file system layer's space query
 //
 // A failing source is logged and leaves the values as they were; it never

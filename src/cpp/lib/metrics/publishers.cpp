@@ -126,6 +126,9 @@ TextPublisherOptions TextPublisherOptions::FromTree(const boost::property_tree::
   o.store = filesystem::FileStoreOptions::FromTree(tree.get_child("store", {}));
   o.file = filesystem::RotatingFileOptions::FromTree(tree.get_child("file", {}));
   if (o.store.path.empty()) o.store.path = o.file.filename.parent_path();
+  // The store keeps the rotated files of this publisher, nothing else.
+  o.store.prefix = o.file.filename.stem().string() + "_";
+  o.store.suffix = o.file.filename.extension().string();
   return o;
 }
 

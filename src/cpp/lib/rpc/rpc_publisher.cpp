@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -28,9 +29,6 @@ using Collector = ::orvane::zel::metrics::MetricsCollector;
 using ::orvane::zel::metrics::MetricKeyMsg;
 using ::orvane::zel::metrics::MetricsReportMsg;
 using ::orvane::zel::metrics::MetricValueMsg;
-
-// The stub creator tries once; the publisher's own policy spaces the retries.
-constexpr int64_t kStubTimeoutMs = 10000;
 
 void Fill(const metrics::BasicSerializer& s, MetricValueMsg* v) {
   if (s.type().set) v->set_type(s.type().value);
@@ -88,7 +86,7 @@ RpcPublisherOptions RpcPublisherOptions::FromTree(const boost::property_tree::pt
   o.endpoint = node.get<std::string>("endpoint", kDefaultEndpoint);
   if (const auto text = node.get_optional<std::string>("max_report_queue_size")) {
     const auto n = node.get_optional<std::size_t>("max_report_queue_size");
-    if (n && text->find('-') == std::string::npos) {
+    if (n && *n > 0 && text->find('-') == std::string::npos) {
       o.max_report_queue_size = *n;
     } else {
       ZEL_METRICS_LOG(kLogWarn).format("Metrics: RpcPublisher: Options - invalid max_report_queue_size '%s'",
@@ -129,7 +127,9 @@ struct RpcPublisher::Impl : std::enable_shared_from_this<RpcPublisher::Impl> {
   // The end of a call, seen through a watcher that holds the publisher weakly.
   struct CallWatcher : CallObserver<::orvane::zel::VoidMsg> {
     std::weak_ptr<Impl> impl;
+    std::atomic<bool> ended{false};
     void CallStatus(const RpcStatus& status) override {
+      ended = true;
       if (auto self = impl.lock()) self->OnCallStatus(status);
     }
   };
@@ -179,7 +179,9 @@ struct RpcPublisher::Impl : std::enable_shared_from_this<RpcPublisher::Impl> {
       const std::string service = Collector::Stub::ServiceName();
       c = std::make_shared<StubCreator<Collector::Stub>>(
           std::make_shared<ChannelCreator>(transport, channels, options.endpoint, service, ChannelPriority::NORMAL),
-          timers, service, options.endpoint, ChannelPriority::NORMAL, kStubTimeoutMs, RetryPolicy(0, 0, 1.0, 0));
+          // One attempt: the publisher's own policy spaces the tries.
+          timers, service, options.endpoint, ChannelPriority::NORMAL, options.stub_timeout_ms,
+          RetryPolicy(0, 0, 1.0, 0));
       creator = c;
     }
     ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - requesting new stub");
@@ -227,22 +229,33 @@ struct RpcPublisher::Impl : std::enable_shared_from_this<RpcPublisher::Impl> {
   }
 
   void StartCall() {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (destroyed) {
-      ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - already destroyed");
-      return;
+    std::shared_ptr<Collector::Stub> s;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (destroyed) {
+        ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - already destroyed");
+        return;
+      }
+      if (!stub) {
+        ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - no stub");
+        return;
+      }
+      if (call || starting) {
+        ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - already started");
+        return;
+      }
+      starting = true;
+      s = stub;
     }
-    if (!stub) {
-      ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - no stub");
-      return;
-    }
-    if (call) {
-      ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - ignoring StartCall - already started");
-      return;
-    }
+    // Opened outside the lock: a call that cannot start may report its end
+    // at once, and that takes the lock.
     auto watcher = std::make_shared<CallWatcher>();
     watcher->impl = shared_from_this();
-    call = stub->Report(ClientContext(), watcher);
+    StreamWriterPtr<MetricsReportMsg> opened = s->Report(ClientContext(), watcher);
+    std::lock_guard<std::mutex> lock(mutex);
+    starting = false;
+    if (watcher->ended || destroyed) return;
+    call = std::move(opened);
     while (!queue.empty()) {
       ZEL_METRICS_LOG(kLogVerbose).format("Metrics: RpcPublisher - sending queued report");
       SendFrontLocked();
@@ -250,13 +263,20 @@ struct RpcPublisher::Impl : std::enable_shared_from_this<RpcPublisher::Impl> {
   }
 
   void SendFrontLocked() {
-    if (call->Write(queue.front()).ok()) restartsWithoutReport = 0;
+    const RpcStatus sent = call->Write(queue.front());
     queue.pop_front();
+    if (sent.ok()) {
+      restartsWithoutReport = 0;
+    } else {
+      ++dropped;
+      ZEL_METRICS_LOG(kLogWarn).format("Metrics: RpcPublisher - report not sent: %s (%llu dropped so far)",
+                                       sent.ToString().c_str(), static_cast<unsigned long long>(dropped));
+    }
   }
 
   void OnCallStatus(const RpcStatus& status) {
-    ZEL_METRICS_LOG(kLogInfo).format("Metrics: RpcPublisher - CallStatus %s", status.ToString().c_str());
     std::lock_guard<std::mutex> lock(mutex);
+    ZEL_METRICS_LOG(kLogInfo).format("Metrics: RpcPublisher - CallStatus %s", status.ToString().c_str());
     call.reset();
     if (destroyed) return;
     if (status.code() == StatusCode::COMMUNICATION_ERROR) {
@@ -308,6 +328,7 @@ struct RpcPublisher::Impl : std::enable_shared_from_this<RpcPublisher::Impl> {
   std::deque<MetricsReportMsg> queue;
   uint64_t dropped = 0;
   int restartsWithoutReport = 0;
+  bool starting = false;  // a call is being opened outside the lock
   bool destroyed = false;
   // Built by the cycle's reporters, on the cycle's thread only.
   MetricsReportMsg report;
@@ -329,7 +350,8 @@ RpcPublisher::~RpcPublisher() {
     call = std::move(impl_->call);
     if (impl_->pending) impl_->pending->Cancel();
   }
-  if (call) call->Cancel();
+  // The reports written so far go before the end of the stream.
+  if (call) call->Done(RpcStatus::Success());
 }
 
 void RpcPublisher::Start() {

@@ -7,7 +7,8 @@
 //   registry.AddPublisher(publisher);   // Start: asks for a stub at the endpoint
 //
 // While there is no stub or no open call the reports wait in a queue of
-// max_report_queue_size; the oldest go first, each counted and logged. A stub
+// max_report_queue_size; the oldest go first, each counted and logged, as is
+// a report that the open call refuses (its send buffer is full). A stub
 // that cannot be had is asked for again after the retry policy's delay; a
 // call that ends with COMMUNICATION_ERROR drops the stub and does the same;
 // a call that ends otherwise is opened again at once, and after the retry
@@ -52,12 +53,14 @@ struct RpcPublisherOptions {
   std::vector<std::pair<std::string, std::string>> tags = {{"source", ""}};
   // Between attempts to get a stub.
   RetryPolicy retry = RetryPolicy(5000, 900000, 2.0);
+  // How long one attempt to get a stub may take.
+  int64_t stub_timeout_ms = 10000;
 
   // "{ endpoint:'%s', max_report_queue_size:%zu, tags:%u }".
   std::string ToString() const;
-  // Reads "endpoint", "max_report_queue_size" and "tags" (children "tag",
-  // each with a key and a value as child nodes or XML attributes), and adds
-  // the tag "app" = `appName`.
+  // Reads "endpoint", "max_report_queue_size" (above 0) and "tags" (children
+  // "tag", each with a key and a value as child nodes or XML attributes), and
+  // adds the tag "app" = `appName`.
   static RpcPublisherOptions FromTree(const boost::property_tree::ptree& node, const std::string& appName);
 };
 
@@ -69,7 +72,7 @@ class RpcPublisher : public metrics::Publisher {
   RpcPublisher(RpcPublisherOptions options, std::shared_ptr<Transport> transport,
                std::shared_ptr<ChannelFactoryInterface> channels, std::shared_ptr<TimerFactory> timers,
                HostName hostname = nullptr);
-  // Ends an open call with a cancel.
+  // Ends an open call as done, after what has been written.
   ~RpcPublisher() override;
 
   // metrics::Publisher

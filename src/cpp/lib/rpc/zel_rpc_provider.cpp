@@ -72,8 +72,10 @@ AsioZelRpcProvider::AsioZelRpcProvider(const boost::property_tree::ptree& config
 }
 
 AsioZelRpcProvider::~AsioZelRpcProvider() {
-  // The last metrics report goes while the transport can still carry it.
+  // The last metrics report goes while the transport can still carry it: a
+  // running dispatcher gets a few rounds to send it.
   base_->GetMetricRegistry().Shutdown();
+  DrainDispatcher_();
   // The transport goes down first, on this thread: the dispatcher may not be
   // running any more to take a posted shutdown.
   transport_->ShutdownNow();
@@ -82,14 +84,8 @@ AsioZelRpcProvider::~AsioZelRpcProvider() {
   // Closing a socket is itself a posted step, and its pending reads answer
   // in further ones: let a running dispatcher take a few rounds of them, so
   // that peers see the connections end, before it is stopped with force.
+  DrainDispatcher_();
   const boost::shared_ptr<AsioDispatcher>& dispatcher = base_->GetDispatcher();
-  if (base_->IsRunning() && !dispatcher->IsOwnThread()) {
-    for (int round = 0; round < kDrainRounds; ++round) {
-      auto drained = std::make_shared<std::promise<void>>();
-      dispatcher->Post([drained] { drained->set_value(); });
-      if (drained->get_future().wait_for(kDrainWait) != std::future_status::ready) break;
-    }
-  }
   if (base_->IsRunning()) base_->Stop();
   if (dispatcher->IsOwnThread()) {
     // The last reference went on one of the dispatcher's own threads, which
@@ -115,6 +111,16 @@ AsioZelRpcProvider::~AsioZelRpcProvider() {
   scheduler_.reset();
   registry_.reset();
   ZEL_RPC_LOG(kLogVerbose).format("RpcMetrics: destroying");
+}
+
+void AsioZelRpcProvider::DrainDispatcher_() {
+  const boost::shared_ptr<AsioDispatcher>& dispatcher = base_->GetDispatcher();
+  if (!base_->IsRunning() || dispatcher->IsOwnThread()) return;
+  for (int round = 0; round < kDrainRounds; ++round) {
+    auto drained = std::make_shared<std::promise<void>>();
+    dispatcher->Post([drained] { drained->set_value(); });
+    if (drained->get_future().wait_for(kDrainWait) != std::future_status::ready) break;
+  }
 }
 
 const boost::shared_ptr<AsioDispatcher>& AsioZelRpcProvider::GetDispatcher() const {

@@ -85,6 +85,9 @@ class AsioZelRpcProvider : public ZelRpcProvider {
  private:
   AsioZelRpcProvider(const boost::property_tree::ptree& config, ProviderStartupOptions options,
                      std::shared_ptr<net::SecurityManager> security);
+  // Lets a running dispatcher take a few rounds of posted steps (sends,
+  // closes), unless this is one of its threads.
+  void DrainDispatcher_();
 
   const boost::shared_ptr<AsioZelProvider> base_;
   std::shared_ptr<TimerFactory> timers_;

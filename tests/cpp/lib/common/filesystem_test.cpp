@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <boost/property_tree/ptree.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -78,7 +79,7 @@ class FakeFileSystem : public FileSystem {
     }
     void Flush(error_code& ec) override { ec.clear(); }
     bool Good() const override { return open_; }
-    const path_t& path() const override { return path_; }
+    path_t path() const override { return path_; }
 
    private:
     FakeFileSystem* fs_;
@@ -278,22 +279,27 @@ TEST(FileStoreTest, TrimRemovesTheOldestFilesUntilTheLimitsAreMet) {
   }
 }
 
-TEST(FileStoreTest, ScanOrdersByTimeThenSerialAndSkipsWhatIsNoFile) {
+TEST(FileStoreTest, ScanOrdersByTimeThenSerialAndSkipsWhatIsNotItsOwn) {
   testing::LogCapture log("VERBOSE");
   auto fs = std::make_shared<FakeFileSystem>();
-  fs->dirs = {"/s", "/s/sub"};
+  fs->dirs = {"/s", "/s/m_sub.txt"};
   fs->Add("/s/m_T+002.txt", 1, 50);
   fs->Add("/s/m_T.txt", 2, 50);
   fs->Add("/s/m_T+001.txt", 3, 50);
-  fs->Add("/s/old.txt", 4, 10);
-  FileStore store(fs, FileStoreOptions{"/s"});
+  fs->Add("/s/m_old.txt", 4, 10);
+  fs->Add("/s/host-notes.txt", 100, 1);  // the host's: never counted, never removed
+  FileStoreOptions o{"/s"};
+  o.prefix = "m_";
+  o.suffix = ".txt";
+  FileStore store(fs, o);
   store.Scan();
   std::vector<std::string> names;
   for (const path_t& p : store.Files()) names.push_back(p.filename().string());
-  EXPECT_THAT(names, ElementsAre("old.txt", "m_T.txt", "m_T+001.txt", "m_T+002.txt"));
+  EXPECT_THAT(names, ElementsAre("m_old.txt", "m_T.txt", "m_T+001.txt", "m_T+002.txt"));
   EXPECT_EQ(store.TotalSize(), 10u);
-  EXPECT_EQ(log.Count("FileStore[/s] Scan - not a file '/s/sub'"), 1u);
-  EXPECT_EQ(log.Count("FileStore[/s] Scan - found 4 file(s), oldest '/s/old.txt' @ 1970-01-01T00:00:10, newest "
+  EXPECT_EQ(log.Count("FileStore[/s] Scan - not a file '/s/m_sub.txt'"), 1u);
+  EXPECT_EQ(log.Count("FileStore[/s] Scan - not one of its files '/s/host-notes.txt'"), 1u);
+  EXPECT_EQ(log.Count("FileStore[/s] Scan - found 4 file(s), oldest '/s/m_old.txt' @ 1970-01-01T00:00:10, newest "
                       "'/s/m_T+002.txt' @ 1970-01-01T00:00:50"),
             1u);
   FileStore none(fs, FileStoreOptions{"/nowhere"});
@@ -332,6 +338,41 @@ TEST(RotatingFileTest, RotatesBeforeAWriteThatWouldPassTheMaximumAndNamesBySecon
     EXPECT_EQ(store->Files().size(), 4u);
     EXPECT_TRUE(fs->dirs.count("/d"));
   }
+}
+
+TEST(FileStoreTest, OptionsFromTreesKeepTheirDefaultsForBadValues) {
+  const struct {
+    const char* key;
+    const char* text;
+  } rows[] = {{"max_size", "-1"}, {"max_size", "10 XB"}, {"max_files", "-3"}, {"max_files", "2 KiB"},
+              {"min_free_space", "lots"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.key + std::string("=") + row.text);
+    testing::LogCapture log;
+    boost::property_tree::ptree tree;
+    tree.put(row.key, row.text);
+    const FileStoreOptions o = FileStoreOptions::FromTree(tree);
+    EXPECT_EQ(o.max_size, UINT64_MAX);
+    EXPECT_EQ(o.max_files, UINTMAX_MAX);
+    EXPECT_EQ(o.min_free_space, 0u);
+    EXPECT_EQ(log.Count(std::string("FileStore: invalid ") + row.key + " '" + row.text + "' - using the default"),
+              1u);
+  }
+  boost::property_tree::ptree file;
+  file.put("filename", "/x/m.txt");
+  file.put("rotation_policy.max_size", "-5");
+  EXPECT_EQ(RotatingFileOptions::FromTree(file).ToString(), "{ filename: '/x/m.txt', rotation policy: { max_size: 0 B } }");
+}
+
+TEST(RotatingFileTest, AnUnwritablePlaceFailsEachWriteAndIsLoggedOnce) {
+  testing::LogCapture log;
+  RotatingFile f(MakeFileSystem(), nullptr, RotatingFileOptions{"/dev/null/metrics/m.txt", 0});
+  for (int i = 0; i < 3; ++i) {
+    error_code ec;
+    EXPECT_EQ(f.Write(std::string("line\n"), ec), 0u);
+    EXPECT_TRUE(ec);
+  }
+  EXPECT_EQ(log.Count("RotatingFile[/dev/null/metrics/m.txt] Write: failed to create directories: "), 1u);
 }
 
 TEST(RotatingFileTest, SkipsNamesThatExist) {

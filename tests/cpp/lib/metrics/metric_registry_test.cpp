@@ -400,7 +400,9 @@ TEST(MonitorTest, SystemInfoScalesLoadsAndMemoryAndSurvivesAFailure) {
   testing::TempDir dir;
   FileSystemMonitor fsm(root, {dir.path(), "/no/such/dir"}, filesystem::MakeFileSystem());
   fsm.Update();
-  EXPECT_GT(Level(root->subkey("zel/system/fs" + dir.path() + "/capacity")), 0);
+  std::string group = dir.path();
+  std::replace(group.begin(), group.end(), '/', '\\');
+  EXPECT_GT(Level(root->subkey("zel/system/fs/" + group + "/capacity")), 0);
   EXPECT_EQ(log.Count("FileSystemMonitor: failed to get space info for '/no/such/dir': 2-"), 1u);
 }
 

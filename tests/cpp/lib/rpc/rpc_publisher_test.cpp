@@ -2,7 +2,11 @@
 // socket: reports in order with their tags, the newest five kept while the
 // collector is away, and the publisher the RPC provider makes from its
 // configuration.
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include <chrono>
 #include <memory>
@@ -122,7 +126,7 @@ TEST_F(RpcPublisherTest, WhileTheCollectorIsAwayTheNewestReportsWaitAndGoFirstOn
   Report(1);
   ASSERT_TRUE(collector->WaitForReports(1, kDeadline));
   collector.reset();
-  ASSERT_TRUE(log.WaitFor("Metrics: RpcPublisher - CallStatus"));
+  ASSERT_TRUE(log.WaitFor("Metrics: RpcPublisher - not restarting call for status COMMUNICATION_ERROR"));
 
   for (int n = 10; n <= 16; ++n) Report(n);  // seven reports, room for five
   EXPECT_EQ(publisher->dropped(), 2u);
@@ -159,6 +163,34 @@ TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfigurati
   // The registry's own figures are among the values.
   EXPECT_THAT(tools::MetricsCollector::Json(collector->Reports()[0]),
               ::testing::HasSubstr("\"/zel/metrics/collect/keys\":{"));
+  // The provider's end makes a last report, and it arrives.
+  provider.reset();
+  EXPECT_TRUE(collector->WaitForReports(2, kDeadline));
+}
+
+TEST_F(RpcPublisherTest, ACollectorThatAcceptsAndNeverAnswersCostsOnlyTheBoundedQueue) {
+  testing::LogCapture log;
+  // A listening socket whose connections the kernel accepts and nobody reads.
+  const std::string path = dir_.path() + "/mc.sock";
+  const int silent = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(listen(silent, 8), 0);
+  RpcPublisherOptions o;
+  o.endpoint = endpoint_;
+  o.retry = RetryPolicy(20, 200, 2.0);
+  o.stub_timeout_ms = 100;
+  auto publisher = std::make_shared<RpcPublisher>(o, client_->GetTransport(), client_->GetChannelFactory(),
+                                                  client_->GetTimers());
+  registry_.AddPublisher(publisher);
+  for (int n = 1; n <= 8; ++n) Report(n);
+  EXPECT_EQ(publisher->dropped(), 3u);
+  // It keeps trying, and nothing else happens.
+  EXPECT_TRUE(log.WaitFor("Metrics: RpcPublisher - couldn't get stub", 2));
+  EXPECT_GE(log.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
+  close(silent);
 }
 
 TEST(RpcPublisherOptionsTest, DefaultsAndTheirPrintedForm) {
@@ -171,6 +203,8 @@ TEST(RpcPublisherOptionsTest, DefaultsAndTheirPrintedForm) {
   bad.put("max_report_queue_size", "-3");
   EXPECT_EQ(RpcPublisherOptions::FromTree(bad, "agent").max_report_queue_size, 5u);
   EXPECT_EQ(log.Count("invalid max_report_queue_size '-3'"), 1u);
+  bad.put("max_report_queue_size", "0");  // would drop every report
+  EXPECT_EQ(RpcPublisherOptions::FromTree(bad, "agent").max_report_queue_size, 5u);
 }
 
 }  // namespace

@@ -83,18 +83,24 @@ void FileStore::Scan() {
   }
   std::unique_ptr<Directory> dir(fs_->GetDirectory(options_.path, ec));
   const DirectoryPathRange paths = dir ? dir->Paths(ec) : DirectoryPathRange();
+  if (ec) {
+    ZEL_CORE_LOG(kLogWarn).format("%s Scan - failed to read the directory: %i-%s", name_.c_str(), ec.value(),
+                                  ec.message().c_str());
+  }
   for (const path_t& p : paths) {
+    const std::string leaf = p.filename().string();
+    if (leaf.size() < options_.prefix.size() + options_.suffix.size() ||
+        leaf.compare(0, options_.prefix.size(), options_.prefix) != 0 ||
+        leaf.compare(leaf.size() - options_.suffix.size(), options_.suffix.size(), options_.suffix) != 0) {
+      ZEL_CORE_LOG(kLogVerbose).format("%s Scan - not one of its files '%s'", name_.c_str(), p.c_str());
+      continue;
+    }
     if (!fs_->FileExists(p, ec)) {
       ZEL_CORE_LOG(kLogVerbose).format("%s Scan - not a file '%s'", name_.c_str(), p.c_str());
       continue;
     }
-    Entry e{p, fs_->FileSize(p, ec), 0};
-    if (!ec) e.time = fs_->LastWriteTime(p, ec);
-    if (ec) {
-      ZEL_CORE_LOG(kLogWarn).format("%s Scan - skipping file '%s': %i-%s", name_.c_str(), p.c_str(), ec.value(),
-                                    ec.message().c_str());
-      continue;
-    }
+    Entry e;
+    if (!Read_(p, &e, "Scan")) continue;
     ZEL_CORE_LOG(kLogVerbose).format("%s Scan - found file '%s'", name_.c_str(), p.c_str());
     totalSize_ += e.size;
     files_.push_back(std::move(e));
@@ -117,17 +123,23 @@ void FileStore::Scan() {
 void FileStore::Store(const path_t& file) {
   std::lock_guard<std::mutex> lock(mutex_);
   ZEL_CORE_LOG(kLogVerbose).format("%s Store '%s'", name_.c_str(), file.c_str());
-  error_code ec;
-  Entry e{file, fs_->FileSize(file, ec), 0};
-  if (!ec) e.time = fs_->LastWriteTime(file, ec);
-  if (ec) {
-    ZEL_CORE_LOG(kLogWarn).format("%s Store - skipping file '%s': %i-%s", name_.c_str(), file.c_str(), ec.value(),
-                                  ec.message().c_str());
-    return;
-  }
+  Entry e;
+  if (!Read_(file, &e, "Store")) return;
   totalSize_ += e.size;
   files_.push_back(std::move(e));
   TrimLocked_();
+}
+
+bool FileStore::Read_(const path_t& file, Entry* e, const char* step) {
+  error_code ec;
+  e->name = file;
+  e->size = fs_->FileSize(file, ec);
+  if (!ec) e->time = fs_->LastWriteTime(file, ec);
+  if (ec) {
+    ZEL_CORE_LOG(kLogWarn).format("%s %s - skipping file '%s': %i-%s", name_.c_str(), step, file.c_str(), ec.value(),
+                                  ec.message().c_str());
+  }
+  return !ec;
 }
 
 void FileStore::Trim() {
@@ -157,7 +169,8 @@ bool FileStore::CheckLimitsLocked_() {
       "%s CheckLimits - %s: num files %ju %s max %ju, total size %s %s max %s, fs free space %s %s min %s",
       name_.c_str(), Check(filesOk && sizeOk && spaceOk), static_cast<uintmax_t>(files_.size()), Check(filesOk),
       options_.max_files, HumanSize(totalSize_).c_str(), Check(sizeOk), HumanSize(options_.max_size).c_str(),
-      HumanSize(freeSpace).c_str(), Check(spaceOk), HumanSize(options_.min_free_space).c_str());
+      options_.min_free_space > 0 ? HumanSize(freeSpace).c_str() : "n/a", Check(spaceOk),
+      HumanSize(options_.min_free_space).c_str());
   return filesOk && sizeOk && spaceOk;
 }
 

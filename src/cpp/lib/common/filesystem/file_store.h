@@ -34,6 +34,11 @@ struct FileStoreOptions {
   uint64_t min_free_space = 0;
   uint64_t max_size = UINT64_MAX;
   uintmax_t max_files = UINTMAX_MAX;
+  // The store keeps only files whose names start with `prefix` and end with
+  // `suffix` (a rotating file's "<stem>_" and extension); other files in the
+  // directory are never counted or removed. Not read from a tree.
+  std::string prefix;
+  std::string suffix;
 
   // "{ path: '%s', min_free_space: %s, max_size: %s, max_files: %ju }".
   std::string ToString() const;
@@ -67,9 +72,12 @@ class FileStore {
  private:
   struct Entry {
     path_t name;
-    uint64_t size;
-    time_t time;
+    uint64_t size = 0;
+    time_t time = 0;
   };
+
+  // Size and time of `file`; false, logged under `step`, when unreadable.
+  bool Read_(const path_t& file, Entry* e, const char* step);
 
   bool CheckLimitsLocked_();
   void TrimLocked_();

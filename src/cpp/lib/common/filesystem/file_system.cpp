@@ -1,5 +1,6 @@
 #include "cpp/lib/common/filesystem/file_system.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -63,7 +64,7 @@ bool ParseSize(const std::string& text, uint64_t* bytes) {
   if (i == digits) return false;
   while (i < text.size() && text[i] == ' ') ++i;
   std::string unit;
-  for (; i < text.size() && text[i] != ' '; ++i) unit += static_cast<char>(std::tolower(text[i]));
+  for (; i < text.size() && text[i] != ' '; ++i) unit += static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
   while (i < text.size() && text[i] == ' ') ++i;
   if (i != text.size()) return false;
   static const char* const kUnits[] = {"b", "kib", "mib", "gib", "tib", "pib"};
@@ -198,7 +199,7 @@ class FileImpl : public File {
     if (stream_ && std::fflush(stream_) != 0) ec = ErrnoCode(errno);
   }
   bool Good() const override { return stream_ && !std::ferror(stream_); }
-  const path_t& path() const override { return path_; }
+  path_t path() const override { return path_; }
 
  private:
   const path_t path_;

@@ -82,7 +82,7 @@ class File {
   virtual void Flush(error_code& ec) = 0;
   // False once a write or flush has failed, or when the file is not open.
   virtual bool Good() const = 0;
-  virtual const path_t& path() const = 0;
+  virtual path_t path() const = 0;
 
   void Open(std::ios_base::openmode mode);
   void Close();

@@ -117,8 +117,11 @@ std::size_t RotatingFile::Write(cbyte_array_view data, error_code& ec) {
     const path_t dir = options_.filename.parent_path();
     if (!dir.empty()) fs_->CreateDirectories(dir, ec);
     if (ec) {
-      ZEL_CORE_LOG(kLogError).format("%s Write: failed to create directories: %i-%s", name_.c_str(), ec.value(),
-                                     ec.message().c_str());
+      if (!openFailureLogged_) {
+        ZEL_CORE_LOG(kLogError).format("%s Write: failed to create directories: %i-%s", name_.c_str(), ec.value(),
+                                       ec.message().c_str());
+      }
+      openFailureLogged_ = true;
       return 0;
     }
     const path_t name = NewNameLocked_(clock_());
@@ -130,10 +133,14 @@ std::size_t RotatingFile::Write(cbyte_array_view data, error_code& ec) {
     if (file) file->Open(mode_, ec);
     if (!file || ec) {
       if (!ec) ec = error_code(EIO, boost::system::system_category());
-      ZEL_CORE_LOG(kLogError).format("%s Write: failed to open file '%s': %i-%s", name_.c_str(), name.c_str(),
-                                     ec.value(), ec.message().c_str());
+      if (!openFailureLogged_) {
+        ZEL_CORE_LOG(kLogError).format("%s Write: failed to open file '%s': %i-%s", name_.c_str(), name.c_str(),
+                                       ec.value(), ec.message().c_str());
+      }
+      openFailureLogged_ = true;
       return 0;
     }
+    openFailureLogged_ = false;
     file_ = std::move(file);
     current_ = name;
   }
@@ -160,7 +167,7 @@ bool RotatingFile::Good() const {
   return !file_ || file_->Good();
 }
 
-const path_t& RotatingFile::path() const {
+path_t RotatingFile::path() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return file_ ? current_ : options_.filename;
 }

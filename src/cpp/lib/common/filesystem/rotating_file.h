@@ -69,7 +69,7 @@ class RotatingFile : public File {
   void Flush(error_code& ec) override;
   bool Good() const override;
   // The current file, or the configured name while none is open.
-  const path_t& path() const override;
+  path_t path() const override;
 
   const RotatingFileOptions& options() const { return options_; }
 
@@ -92,6 +92,9 @@ class RotatingFile : public File {
   uint64_t written_ = 0;
   time_t lastNameTime_ = -1;
   std::size_t lastNameCounter_ = 0;
+  // A failure to open a file is logged once until a file opens again, so
+  // that a cycle of many writes into an unwritable place logs one line.
+  bool openFailureLogged_ = false;
 };
 
 }  // namespace filesystem
