@@ -92,6 +92,8 @@ class RpcPublisherTest : public ::testing::Test {
     registry_.Publish();
   }
 
+  // Before the providers: the dispatchers log until they are gone.
+  testing::LogCapture log_;
   testing::TempDir dir_;
   std::string endpoint_;
   std::ostringstream out_;
@@ -101,7 +103,6 @@ class RpcPublisherTest : public ::testing::Test {
 };
 
 TEST_F(RpcPublisherTest, ReportsArriveInOrderOnOneStreamWithTheirTags) {
-  testing::LogCapture log;
   auto collector = StartCollector();
   registry_.AddPublisher(MakePublisher());
   for (int n = 1; n <= 3; ++n) Report(n);
@@ -111,7 +112,7 @@ TEST_F(RpcPublisherTest, ReportsArriveInOrderOnOneStreamWithTheirTags) {
   EXPECT_EQ(collector->Calls(), 1u);
   // The host name could not be had: the source is "unknown".
   EXPECT_THAT(Tags(reports[0]), ElementsAre(Pair("source", "unknown"), Pair("app", "test")));
-  EXPECT_EQ(log.Count("Metrics: RpcPublisher - failed to get host name: "), 3u);
+  EXPECT_EQ(log_.Count("Metrics: RpcPublisher - failed to get host name: "), 3u);
   // Keys without a value stay, empty: the root and "/zel".
   EXPECT_EQ(reports[0].root().name(), "/");
   EXPECT_FALSE(reports[0].root().has_value());
@@ -119,18 +120,17 @@ TEST_F(RpcPublisherTest, ReportsArriveInOrderOnOneStreamWithTheirTags) {
 }
 
 TEST_F(RpcPublisherTest, WhileTheCollectorIsAwayTheNewestReportsWaitAndGoFirstOnItsReturn) {
-  testing::LogCapture log;
   auto publisher = MakePublisher(5);
   auto collector = StartCollector();
   registry_.AddPublisher(publisher);
   Report(1);
   ASSERT_TRUE(collector->WaitForReports(1, kDeadline));
   collector.reset();
-  ASSERT_TRUE(log.WaitFor("Metrics: RpcPublisher - not restarting call for status COMMUNICATION_ERROR"));
+  ASSERT_TRUE(log_.WaitFor("Metrics: RpcPublisher - not restarting call for status COMMUNICATION_ERROR"));
 
   for (int n = 10; n <= 16; ++n) Report(n);  // seven reports, room for five
   EXPECT_EQ(publisher->dropped(), 2u);
-  EXPECT_EQ(log.Count("Metrics: RpcPublisher - dropped the oldest report"), 2u);
+  EXPECT_EQ(log_.Count("Metrics: RpcPublisher - dropped the oldest report"), 2u);
 
   collector = StartCollector();
   ASSERT_TRUE(collector->WaitForReports(5, kDeadline));
@@ -139,11 +139,10 @@ TEST_F(RpcPublisherTest, WhileTheCollectorIsAwayTheNewestReportsWaitAndGoFirstOn
   std::vector<double> values;
   for (const auto& r : collector->Reports()) values.push_back(ValueOf(r, "n"));
   EXPECT_THAT(values, ElementsAre(12, 13, 14, 15, 16, 17));
-  EXPECT_GE(log.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
+  EXPECT_GE(log_.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
 }
 
 TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfiguration) {
-  testing::LogCapture log;
   auto collector = StartCollector();
   std::istringstream xml("<metrics><publishers><rpc><endpoint>" + endpoint_ +
                          "</endpoint><tags><tag key=\"zone\" value=\"blue\"/><tag><key>source</key><value/></tag>"
@@ -158,8 +157,8 @@ TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfigurati
   gethostname(host, sizeof host - 1);
   EXPECT_THAT(Tags(collector->Reports()[0]),
               ElementsAre(Pair("zone", "blue"), Pair("source", host), Pair("app", "rpc_publisher_test")));
-  EXPECT_EQ(log.Count("Metrics: RpcPublisher: Options - skipping tag 'lonely' - no key/value"), 1u);
-  EXPECT_EQ(log.Count("Metrics: configured to report to rpc"), 1u);
+  EXPECT_EQ(log_.Count("Metrics: RpcPublisher: Options - skipping tag 'lonely' - no key/value"), 1u);
+  EXPECT_EQ(log_.Count("Metrics: configured to report to rpc"), 1u);
   // The registry's own figures are among the values.
   EXPECT_THAT(tools::MetricsCollector::Json(collector->Reports()[0]),
               ::testing::HasSubstr("\"/zel/metrics/collect/keys\":{"));
@@ -169,7 +168,6 @@ TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfigurati
 }
 
 TEST_F(RpcPublisherTest, ACollectorThatAcceptsAndNeverAnswersCostsOnlyTheBoundedQueue) {
-  testing::LogCapture log;
   // A listening socket whose connections the kernel accepts and nobody reads.
   const std::string path = dir_.path() + "/mc.sock";
   const int silent = socket(AF_UNIX, SOCK_STREAM, 0);
@@ -188,8 +186,8 @@ TEST_F(RpcPublisherTest, ACollectorThatAcceptsAndNeverAnswersCostsOnlyTheBounded
   for (int n = 1; n <= 8; ++n) Report(n);
   EXPECT_EQ(publisher->dropped(), 3u);
   // It keeps trying, and nothing else happens.
-  EXPECT_TRUE(log.WaitFor("Metrics: RpcPublisher - couldn't get stub", 2));
-  EXPECT_GE(log.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
+  EXPECT_TRUE(log_.WaitFor("Metrics: RpcPublisher - couldn't get stub", 2));
+  EXPECT_GE(log_.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
   close(silent);
 }
 
