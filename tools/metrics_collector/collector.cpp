@@ -71,9 +71,16 @@ class MetricsCollector::Service : public orvane::zel::metrics::MetricsCollector:
 
   rpc::CallObserverPtr<MetricsReportMsg> Report(const rpc::ServerContext&,
                                                 const rpc::StreamWriterPtr<orvane::zel::VoidMsg>& writer) override {
+    int endWith = 0;
     {
       std::lock_guard<std::mutex> lock(owner_->mutex_);
       ++owner_->calls_;
+      endWith = owner_->endCallsWith_;
+      owner_->changed_.notify_all();
+    }
+    if (endWith != 0) {
+      writer->Done(rpc::RpcStatus(static_cast<rpc::StatusCode>(endWith)));
+      return std::make_shared<rpc::CallObserver<MetricsReportMsg>>();
     }
     struct Observer : rpc::CallObserver<MetricsReportMsg> {
       tools::MetricsCollector* owner;
@@ -111,9 +118,19 @@ void MetricsCollector::Received(const MetricsReportMsg& report) {
   changed_.notify_all();
 }
 
+void MetricsCollector::EndCallsWith(int code) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  endCallsWith_ = code;
+}
+
 std::vector<MetricsReportMsg> MetricsCollector::Reports() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return reports_;
+}
+
+bool MetricsCollector::WaitForCalls(std::size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return calls_ >= count; });
 }
 
 bool MetricsCollector::WaitForReports(std::size_t count, std::chrono::milliseconds timeout) const {

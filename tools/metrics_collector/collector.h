@@ -45,10 +45,14 @@ class MetricsCollector {
   ~MetricsCollector();
 
   boost::system::error_code Listen(const std::string& endpoint);
+  // From now on, each call ends with status `code` as soon as it opens (0:
+  // calls stay open, the default), so that a publisher's restarts can be seen.
+  void EndCallsWith(int code);
 
   // Reports received so far (copies), and a bounded wait for more.
   std::vector<orvane::zel::metrics::MetricsReportMsg> Reports() const;
   bool WaitForReports(std::size_t count, std::chrono::milliseconds timeout) const;
+  bool WaitForCalls(std::size_t count, std::chrono::milliseconds timeout) const;
   std::size_t Calls() const;
 
   // One report as text: a header with its tags, then "  <path> = <text>" per value.
@@ -68,6 +72,7 @@ class MetricsCollector {
   mutable std::condition_variable changed_;
   std::vector<orvane::zel::metrics::MetricsReportMsg> reports_;  // guarded by mutex_
   std::size_t calls_ = 0;                                         // guarded by mutex_
+  int endCallsWith_ = 0;                                          // guarded by mutex_
   std::shared_ptr<rpc::AsioZelRpcProvider> provider_;
 };
 

@@ -142,6 +142,32 @@ TEST_F(RpcPublisherTest, WhileTheCollectorIsAwayTheNewestReportsWaitAndGoFirstOn
   EXPECT_GE(log_.Count("Metrics: RpcPublisher - retrying to get stub in "), 1u);
 }
 
+TEST_F(RpcPublisherTest, ACallTheCollectorEndsIsOpenedAgainOnTheSameStub) {
+  auto collector = StartCollector();
+  collector->EndCallsWith(StatusCode::UNAVAILABLE);
+  registry_.AddPublisher(MakePublisher());
+  // A call reaches the collector with its first report. Each one ends at
+  // once; the publisher opens the next at once after the first end, after
+  // the retry delay after the next ones.
+  // A report written while the end is on its way is lost with its call: a
+  // new report goes until the collector has seen three calls.
+  EXPECT_TRUE(testing::WaitUntil([&] {
+    Report(1);
+    return collector->WaitForCalls(3, std::chrono::milliseconds(50));
+  }));
+  EXPECT_TRUE(log_.WaitFor("Metrics: RpcPublisher - restarting call for status UNAVAILABLE", 2));
+  EXPECT_EQ(log_.Count("Metrics: RpcPublisher - not restarting call"), 0u);
+  EXPECT_EQ(log_.Count("Metrics: RpcPublisher - got stub"), 1u);
+  // Once the collector keeps its calls, the reports get through.
+  collector->EndCallsWith(0);
+  EXPECT_TRUE(testing::WaitUntil([&] {
+    Report(4);
+    collector->WaitForReports(1, std::chrono::milliseconds(50));
+    const auto reports = collector->Reports();
+    return !reports.empty() && ValueOf(reports.back(), "n") == 4;
+  }));
+}
+
 TEST_F(RpcPublisherTest, TheRpcProviderMakesAPublisherPerRpcNodeOfItsConfiguration) {
   auto collector = StartCollector();
   std::istringstream xml("<metrics><publishers><rpc><endpoint>" + endpoint_ +
