@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -84,6 +85,9 @@ TEST_F(AsioZelProviderTest, SecondRunAndIdleStopAreRefusedWithTheirLines) {
   EXPECT_EQ(log_.Count("can't stop - not running"), 0u);
   provider->Stop();
   EXPECT_EQ(log_.Count("AsioZelProvider: can't stop - not running"), 1u);
+  // Its thread ends before the test does, so the provider goes here and
+  // not on that thread while the next test sets the logger up.
+  provider->GetDispatcher()->StopAndWait(true);
 }
 
 TEST_F(AsioZelProviderTest, FirstSigtermEndsABlockingRunAndRestoresDefaultActions) {
@@ -113,6 +117,7 @@ TEST_F(AsioZelProviderTest, SigintStopsANonBlockingRunWithForce) {
   EXPECT_EQ(Disposition(SIGTERM), SIG_DFL);
   EXPECT_EQ(log_.Count("AsioZelProvider: got signal 2"), 1u);
   EXPECT_EQ(g_testHandlerCalls.load(), 0);
+  provider->GetDispatcher()->StopAndWait(true);
 }
 
 TEST_F(AsioZelProviderTest, StopAndDestructionDropTheSignalRegistration) {
@@ -122,12 +127,18 @@ TEST_F(AsioZelProviderTest, StopAndDestructionDropTheSignalRegistration) {
     provider->Stop();
     EXPECT_EQ(Disposition(SIGTERM), SIG_DFL);
     EXPECT_EQ(Disposition(SIGINT), SIG_DFL);
+    provider->GetDispatcher()->StopAndWait(true);
   }
   signal(SIGTERM, TestHandler);
   {
     auto provider = MakeProvider(true);
     provider->Run(1, false);
     EXPECT_NE(Disposition(SIGTERM), &TestHandler);
+    // The run's first step holds the provider for a moment: once a later
+    // step has run, the last reference goes here, on the test's thread.
+    std::promise<void> ran;
+    provider->GetDispatcher()->Post([&ran] { ran.set_value(); });
+    ASSERT_EQ(ran.get_future().wait_for(zel::testing::kDeadline), std::future_status::ready);
   }
   EXPECT_EQ(Disposition(SIGTERM), SIG_DFL);
 }
