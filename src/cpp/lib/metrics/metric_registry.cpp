@@ -75,9 +75,10 @@ void MetricRegistry::Impl::UpdateLocked() {
 }
 
 void MetricRegistry::Impl::CollectKey(const MetricKeyPtr& key, std::size_t* count) {
-  if (key->get_value()) {
+  // One look at the value per key: collect() is false when there is none.
+  if (key->collect()) {
     ZEL_METRICS_LOG(kLogDebug).format("Metrics: collecting '%s'", key->path().c_str());
-    if (key->collect()) ++*count;
+    ++*count;
   }
   for (const MetricKeyPtr& child : key->subkeys()) CollectKey(child, count);
 }
